@@ -1,0 +1,1 @@
+# Code generated from descriptions/: none yet.

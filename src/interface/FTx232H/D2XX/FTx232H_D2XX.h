@@ -1,0 +1,74 @@
+/*
+ * The bridge library behind the driver. The driver calls D2XX only through this table, so that the vendor's library, an
+ * own one and a simulated bridge are interchangeable at run time. Types and values are D2XX's own.
+ */
+#ifndef PULSEKIT3_FTX232H_D2XX_H
+#define PULSEKIT3_FTX232H_D2XX_H
+
+#include <stdint.h>
+
+#include "Pulsekit3.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef void *FT_HANDLE;
+typedef uint32_t FT_STATUS;
+
+enum {
+  FT_OK = 0,
+  FT_INVALID_HANDLE = 1,
+  FT_DEVICE_NOT_FOUND = 2,
+  FT_DEVICE_NOT_OPENED = 3,
+  FT_IO_ERROR = 4,
+  FT_INSUFFICIENT_RESOURCES = 5,
+  FT_INVALID_PARAMETER = 6,
+  FT_NOT_SUPPORTED = 17,
+  FT_DEVICE_LIST_NOT_READY = 19
+};
+
+/* Flags of OpenEx and ListDevices. */
+#define FT_OPEN_BY_SERIAL_NUMBER 1u
+#define FT_OPEN_BY_DESCRIPTION 2u
+#define FT_OPEN_BY_LOCATION 4u
+#define FT_LIST_NUMBER_ONLY 0x80000000u
+#define FT_LIST_BY_INDEX 0x40000000u
+#define FT_LIST_ALL 0x20000000u
+
+/* Device types and flags of a node. */
+enum { FT_DEVICE_UNKNOWN = 3, FT_DEVICE_2232H = 6, FT_DEVICE_4232H = 7, FT_DEVICE_232H = 8 };
+enum { FT_FLAGS_OPENED = 1, FT_FLAGS_HISPEED = 2 };
+
+typedef struct FT_Node {
+  uint32_t Flags, Type, ID, LocId;
+  char SerialNumber[16];
+  char Description[64];
+  FT_HANDLE Handle;
+} FT_Node;
+
+typedef struct FTx232H_D2XX {
+  FT_STATUS (*Close)(FT_HANDLE handle);
+  FT_STATUS (*Read)(FT_HANDLE handle, void *buffer, uint32_t count, uint32_t *got);
+  FT_STATUS (*Write)(FT_HANDLE handle, const void *buffer, uint32_t count, uint32_t *written);
+  FT_STATUS (*ResetDevice)(FT_HANDLE handle);
+  FT_STATUS (*SetTimeouts)(FT_HANDLE handle, uint32_t read_ms, uint32_t write_ms);
+  FT_STATUS (*GetQueueStatus)(FT_HANDLE handle, uint32_t *count);
+  FT_STATUS (*OpenEx)(const void *arg, uint32_t flags, FT_HANDLE *out);
+  FT_STATUS (*ListDevices)(void *arg1, void *arg2, uint32_t flags);
+  FT_STATUS (*SetLatencyTimer)(FT_HANDLE handle, uint8_t ms);
+  FT_STATUS (*SetBitMode)(FT_HANDLE handle, uint8_t mask, uint8_t mode);
+  FT_STATUS (*SetUSBParameters)(FT_HANDLE handle, uint32_t in_size, uint32_t out_size);
+  FT_STATUS (*CreateDeviceInfoList)(uint32_t *count);
+  FT_STATUS (*GetDeviceInfoList)(FT_Node *nodes, uint32_t *count);
+} FTx232H_D2XX;
+
+/* Installs the table (copied) for the whole process; null goes back to the default. Devices that are open keep the
+   table they were opened with. Returns 0, or 1 for a table with an empty slot: the old one stays then. */
+QTX_API int32_t FTx232H_SetD2XX(const FTx232H_D2XX *functions);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,107 @@
+/*
+ * The interface layer: the registry of bridge drivers, the interface handle with its operations and its lock. A handle
+ * belongs to a library handle (owner) and shares that handle's error record. The lock is recursive and may be left
+ * without being held; callers hold it for one bus sequence.
+ *
+ * Order of calls: interfaceInitHandle, interfaceInitInterface, interfaceConnect, operations, interfaceDisconnect,
+ * interfaceFreeHandle. A handle connects once.
+ */
+#ifndef PULSEKIT3_INTERFACE_H
+#define PULSEKIT3_INTERFACE_H
+
+#include <stdint.h>
+#include <stdio.h>
+
+#include "../support/vars.h"
+#include "Pulsekit3.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct InterfaceHandle InterfaceHandle;
+
+/* How a byte transfer shares a USB round trip with others. */
+enum {
+  SPI_MODE_QUEUE = 0,   /* append to the batch, send nothing */
+  SPI_MODE_EXECUTE = 1, /* append, send, read all pending answers */
+  SPI_MODE_COLLECT = 2  /* send the batch, read all pending answers into the caller's buffer */
+};
+
+struct InterfaceHandle {
+  const char *type_name; /* the driver's registry name or "DEFAULT" */
+  QTX_Handle *owner;
+  void *connection; /* the driver's connection block */
+  char driver_name[32];
+  const void *pin_map, *spi_channel_map; /* chosen on first use by the module's driver name */
+  char log_file_name[256];
+  FILE *log_file;
+  int32_t log_mode;
+  int32_t *shared_status; /* the owner's open flag: not 0 makes register writes wait for the sweep */
+  VariableSet *variables;
+  int32_t (*InitInterface)(InterfaceHandle *bridge);
+  int32_t (*ListDevices)(InterfaceHandle *bridge, char *out, uint32_t size);
+  int32_t (*ConnectDevice)(InterfaceHandle *bridge, void **connection, const char *connection_string);
+  int32_t (*DisconnectDevice)(InterfaceHandle *bridge, void *connection);
+  int32_t (*SendReceiveSPI)(InterfaceHandle *bridge, uint32_t channel, const uint8_t *out, int32_t out_count,
+                            uint8_t *in, uint32_t in_count, int32_t mode);
+  int32_t (*SendReceiveBitsSPI)(InterfaceHandle *bridge, uint32_t channel, const uint8_t *out, int32_t out_bits,
+                                uint8_t *in, int32_t in_bits, uint32_t flags);
+  int32_t (*SetIO)(InterfaceHandle *bridge, uint32_t pin, uint32_t value);
+  int32_t (*SetIO_Direction)(InterfaceHandle *bridge, uint32_t pin, uint32_t direction, uint32_t value);
+  int32_t (*GetIO)(InterfaceHandle *bridge, uint32_t pin, uint32_t *value);
+  void *reserved;
+  int32_t (*Lock)(InterfaceHandle *bridge);
+  int32_t (*Unlock)(InterfaceHandle *bridge);
+  int32_t (*InterfaceLogging)(InterfaceHandle *bridge, int32_t mode, const char *file_name);
+  int32_t (*InterfaceLogComment)(InterfaceHandle *bridge, const char *text);
+  /* Private from here on. */
+  void *lock;
+  QTX_StackTrace *error_state;
+  int32_t connected; /* 1 between interfaceConnect and interfaceDisconnect */
+};
+
+QTX_API int32_t interfaceListSupportedInterfaces(char *out, int32_t size);
+/* Creates a handle for the driver whose name begins the given name. "DEFAULT" is a handle without a driver. Codes: 268.
+ */
+QTX_API int32_t interfaceInitHandle(InterfaceHandle **bridge, QTX_StackTrace **record, QTX_Handle *owner,
+                                    const char *name, int32_t *shared_status);
+QTX_API int32_t interfaceInitInterface(InterfaceHandle *bridge);
+/* Frees the handle and clears the slot; frees the record too when one is given. Closes the device and the log. */
+QTX_API int32_t interfaceFreeHandle(InterfaceHandle **bridge, QTX_StackTrace **record_or_null);
+/* Connection strings of all devices of all drivers, separated by '#'. Uses the owner's interface slot meanwhile. */
+QTX_API int32_t interfaceListConnectedInterfaces(QTX_Handle *owner, char *out, uint32_t size);
+QTX_API int32_t interfaceConnect(InterfaceHandle *bridge, const char *connection_string);
+QTX_API int32_t interfaceDisconnect(InterfaceHandle *bridge);
+QTX_API int32_t interfaceListVariables(InterfaceHandle *bridge, char *out, uint32_t size);
+QTX_API int32_t interfaceListActions(InterfaceHandle *bridge, char *out, uint32_t size);
+QTX_API int32_t interfaceIO_SetValue(InterfaceHandle *bridge, uint32_t pin, uint32_t value);
+QTX_API int32_t interfaceIO_SetDirection(InterfaceHandle *bridge, uint32_t pin, uint32_t direction, uint32_t value);
+QTX_API int32_t interfaceIO_GetValue(InterfaceHandle *bridge, uint32_t pin, uint32_t *value);
+QTX_API int32_t interfaceLock(InterfaceHandle *bridge);
+QTX_API int32_t interfaceUnlock(InterfaceHandle *bridge);
+
+#ifdef __cplusplus
+}
+
+/* The record that failures of a bus sequence on this handle go to. */
+QTX_StackTrace *interfaceErrorRecord(const InterfaceHandle *bridge);
+
+/* Holds the handle's lock for a scope; a null handle is fine. */
+class InterfaceLock {
+ public:
+  explicit InterfaceLock(InterfaceHandle *bridge) : bridge_(bridge && bridge->Lock ? bridge : nullptr) {
+    if (bridge_) bridge_->Lock(bridge_);
+  }
+  ~InterfaceLock() {
+    if (bridge_ && bridge_->Unlock) bridge_->Unlock(bridge_);
+  }
+  InterfaceLock(const InterfaceLock &) = delete;
+  InterfaceLock &operator=(const InterfaceLock &) = delete;
+
+ private:
+  InterfaceHandle *bridge_;
+};
+#endif
+
+#endif
