@@ -1,0 +1,17 @@
+// What a device on the simulated SPI bus does. The bridge does the shifting of bits.
+#pragma once
+
+#include <cstdint>
+
+namespace pulsekit::simulator {
+
+class SpiDevice {
+ public:
+  virtual ~SpiDevice() = default;
+  virtual void select() = 0;    // chip select went low
+  virtual void deselect() = 0;  // and high again; a byte that was not complete is lost
+  virtual uint8_t send() = 0;   // the byte that goes out during the next eight clocks
+  virtual void receive(uint8_t byte) = 0;  // the byte that came in during them
+};
+
+}  // namespace pulsekit::simulator
