@@ -16,7 +16,7 @@ using namespace pulsekit;
 void append(char *text, size_t capacity, std::string_view addition) {
   const size_t length = strnlen(text, capacity - 1);
   const size_t count = std::min(addition.size(), capacity - 1 - length);
-  std::memcpy(text + length, addition.data(), count);
+  std::copy_n(addition.data(), count, text + length);
   text[length + count] = '\0';
 }
 
