@@ -6,13 +6,11 @@
 
 #include "../../support/QTX_Handle.h"
 #include "../chip.h"
+#include "../model.h"
 
 #ifndef CHIP_MODEL
 #define CHIP_MODEL QTX3701
 #endif
-#define CHIP_PASTE(model, name) model##_##name
-#define CHIP_EXPAND(model, name) CHIP_PASTE(model, name)
-#define CHIP(name) CHIP_EXPAND(CHIP_MODEL, name)
 
 // ---- Handle ----
 const char *CHIP(Name)();
@@ -76,5 +74,5 @@ int32_t CHIP(measurementSaveDataToFlash)(ChipHandle *chip, uint32_t block);
 int32_t CHIP(measurementLoadDataFromFlash)(ChipHandle *chip, uint32_t block);
 
 // ---- Generated from the model's description ----
-int32_t CHIP_EXPAND(CHIP_EXPAND(vars, CHIP_MODEL), InitHandle)(VariableSet **out, QTX_StackTrace **error_state);
-void CHIP_EXPAND(CHIP_EXPAND(vars, CHIP_MODEL), FreeHandle)(VariableSet **set);
+int32_t CHIP_VARS(InitHandle)(VariableSet **out, QTX_StackTrace **error_state);
+void CHIP_VARS(FreeHandle)(VariableSet **set);
