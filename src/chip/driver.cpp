@@ -1,0 +1,113 @@
+#include "driver.h"
+
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+namespace pulsekit::chip {
+
+namespace {
+
+constexpr uint32_t kChannel = 0;
+
+struct Freer {
+  const Driver *driver;
+  void operator()(ChipHandle *chip) const {
+    if (chip->variables) driver->free_variables(&chip->variables);
+    std::free(chip->timing_record);
+    std::free(chip->saved_delays);
+    delete chip;
+  }
+};
+
+// Zeroed; null for a size of 0.
+bool allocate(void **block, size_t size) {
+  *block = size > 0 ? std::calloc(1, size) : nullptr;
+  return *block || size == 0;
+}
+
+}  // namespace
+
+int32_t createHandle(ChipHandle **out, QTX_StackTrace **error_state, QTX_Handle *access, const Driver &driver,
+                     TracePoint at) {
+  if (!out || !error_state) return kError;
+  *out = nullptr;
+  if (!access) return origin(*error_state, at, kRadarNotInitialized);
+  std::unique_ptr<ChipHandle, Freer> chip(new (std::nothrow) ChipHandle{}, Freer{&driver});
+  if (!chip) return origin(*error_state, at, kOutOfMemory);
+  QTX_StackTraceInit(&chip->error_state, error_state);
+  chip->access = access;
+  chip->initializing = 1;
+  if (int32_t code = driver.create_variables(&chip->variables, error_state)) return passThrough(*error_state, at, code);
+  chip->variables->owner = access;
+  chip->operations = driver.operations;
+  chip->chip_id = static_cast<uint16_t>(driver.read_chip_id(access));
+  chip->sweep_idle = 1;
+  if (!allocate(&chip->timing_record, driver.timing_record_size) ||
+      !allocate(&chip->saved_delays, driver.saved_delays_size)) {
+    return origin(*error_state, at, kOutOfMemory);
+  }
+  chip->initializing = 0;
+  *out = chip.release();
+  return kSuccess;
+}
+
+int32_t freeHandle(ChipHandle **slot, QTX_StackTrace **error_state_or_null, const Driver &driver) {
+  if (!slot) return kError;
+  if (*slot) Freer{&driver}(*slot);
+  *slot = nullptr;
+  QTX_StackTraceFree(error_state_or_null);
+  return kSuccess;
+}
+
+InterfaceHandle *bridgeOf(const QTX_Handle *access) { return access ? access->interface_handle : nullptr; }
+
+int32_t transfer(QTX_Handle *access, TracePoint at, const uint8_t *out, int32_t out_count, uint8_t *in,
+                 uint32_t in_count, int32_t mode) {
+  if (!access) return kRadarNotInitialized;
+  InterfaceHandle *bridge = bridgeOf(access);
+  if (!bridge || !bridge->SendReceiveSPI) return origin(access->error, at, kInterfaceNotInitialized);
+  if (int32_t code = bridge->SendReceiveSPI(bridge, kChannel, out, out_count, in, in_count, mode)) {
+    return passThrough(access->error, at, code);
+  }
+  return kSuccess;
+}
+
+int32_t writeWhenIdle(QTX_Handle *access, TracePoint at, ReadRegisterFunction read_while_locked, uint64_t sweeping_bit,
+                      const uint8_t *frame, int32_t length) {
+  InterfaceHandle *bridge = bridgeOf(access);
+  InterfaceLock lock(bridge);
+  if (bridge && bridge->shared_status && *bridge->shared_status) {
+    uint64_t status = 0;
+    do {
+      if (int32_t code = read_while_locked(access, kSweepStatusRegister, 2, &status)) {
+        return passThrough(access->error, at, code);
+      }
+    } while (status & sweeping_bit);
+  }
+  return transfer(access, at, frame, length, nullptr, 0);
+}
+
+int32_t strobe(QTX_Handle *access, TracePoint at, uint8_t action) {
+  if (!access) return kRadarNotInitialized;
+  if (action >= kWrite) return origin(access->error, at, kError, "This action never reaches the chip");
+  const uint8_t frame[] = {static_cast<uint8_t>(action | kWrite), 0};
+  InterfaceLock lock(bridgeOf(access));
+  return transfer(access, at, frame, sizeof frame, nullptr, 0);
+}
+
+int32_t forgetStartedSweep(QTX_Handle *access, TracePoint at) {
+  if (!access) return kRadarNotInitialized;
+  if (!access->chip) return origin(access->error, at, kChipNotInitialized);
+  access->chip->sweep_idle = 1;
+  return kSuccess;
+}
+
+uint64_t setting(VariableSet *set, const char *name) {
+  const Variable *variable = varNamed(set, name);
+  return variable ? variable->value : 0;
+}
+
+int32_t trigger(VariableSet *set, const char *action) { return varActionTrigger(set, varActionNamed(set, action)); }
+
+}  // namespace pulsekit::chip

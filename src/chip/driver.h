@@ -1,0 +1,56 @@
+// What the drivers of all chip models share: the handle, SPI transactions, settings by name.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "../interface/interface.h"
+#include "../support/QTX_Handle.h"
+#include "../support/trace.h"
+#include "chip.h"
+
+namespace pulsekit::chip {
+
+constexpr int32_t kMaxRegisterBytes = 8;
+constexpr uint8_t kWrite = 0x80;  // in the first byte of a command; actions are writes of no data
+constexpr uint8_t kChipIdRegister = 0x02;
+constexpr uint8_t kSweepStatusRegister = 0x47;  // 2 bytes
+
+// ---- Handle ----
+struct Driver {
+  int32_t (*create_variables)(VariableSet **, QTX_StackTrace **);
+  void (*free_variables)(VariableSet **);
+  int32_t (*read_chip_id)(QTX_Handle *);
+  ChipOperations operations;
+  size_t timing_record_size, saved_delays_size;
+};
+
+// All or nothing: *out is null after a failure, of which only a missing library handle and short memory are possible.
+int32_t createHandle(ChipHandle **out, QTX_StackTrace **error_state, QTX_Handle *access, const Driver &driver,
+                     TracePoint at);
+int32_t freeHandle(ChipHandle **slot, QTX_StackTrace **error_state_or_null, const Driver &driver);
+
+// ---- Bus ----
+// The bridge that the library handle reaches its chip through, or null.
+InterfaceHandle *bridgeOf(const QTX_Handle *access);
+
+// One chip-select frame on the chip's channel. `at` is the driver's function that sends it, which goes to the trace
+// when it fails. The caller holds the bridge's lock.
+int32_t transfer(QTX_Handle *access, TracePoint at, const uint8_t *out, int32_t out_count, uint8_t *in,
+                 uint32_t in_count, int32_t mode = SPI_MODE_EXECUTE);
+
+// A register write: sends the frame, once the sweep has ended when a radar is open.
+using ReadRegisterFunction = int32_t (*)(QTX_Handle *, uint8_t, uint32_t, uint64_t *);
+int32_t writeWhenIdle(QTX_Handle *access, TracePoint at, ReadRegisterFunction read_while_locked, uint64_t sweeping_bit,
+                      const uint8_t *frame, int32_t length);
+
+int32_t strobe(QTX_Handle *access, TracePoint at, uint8_t action);
+
+// The next capture starts a sweep of its own.
+int32_t forgetStartedSweep(QTX_Handle *access, TracePoint at);
+
+// ---- Variables by name ----
+uint64_t setting(VariableSet *set, const char *name);  // as stored; 0 for an unknown one
+int32_t trigger(VariableSet *set, const char *action);
+
+}  // namespace pulsekit::chip
