@@ -1,1 +1,52 @@
-# Code generated from descriptions/: none yet.
+# Code generated from descriptions/, always into the build tree.
+find_package(Python3 3.11 REQUIRED COMPONENTS Interpreter)
+
+set(PULSEKIT_GENERATED ${PROJECT_BINARY_DIR}/generated)
+set(PULSEKIT_DESCRIPTIONS ${PROJECT_SOURCE_DIR}/descriptions)
+set(describe ${PROJECT_SOURCE_DIR}/generator/describe.py)
+file(GLOB generator_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/generator/*.py)
+file(GLOB description_files CONFIGURE_DEPENDS ${PULSEKIT_DESCRIPTIONS}/*.toml)
+
+# pulsekit_describe(<variable> <model> <description>)
+# Puts the sources that are generated for the model into the variable.
+function(pulsekit_describe variable model description)
+  set(directory ${PULSEKIT_GENERATED}/${model})
+  set(sources
+      ${directory}/${model}-autogen.h
+      ${directory}/${model}-symbols-autogen.cpp
+      ${directory}/${model}-vars-autogen.cpp
+      ${directory}/${model}-registers-autogen.cpp)
+  set(toml ${PULSEKIT_DESCRIPTIONS}/${description})
+  add_custom_command(
+    OUTPUT ${sources}
+    COMMAND Python3::Interpreter -B ${describe} sources ${toml} --model ${model} --out ${directory}
+    DEPENDS ${toml} ${generator_sources}
+    COMMENT "Generating the variables of ${model}"
+    VERBATIM)
+  set(${variable} ${sources} PARENT_SCOPE)
+endfunction()
+
+# pulsekit_driver(<model> DESCRIPTION <file> [DEFINITION <definition>] [SOURCES <source>...])
+# Compiles the driver's sources together with the code generated for this model and adds them to the library. A driver
+# of several models calls it once for each.
+function(pulsekit_driver model)
+  cmake_parse_arguments(PARSE_ARGV 1 driver "" "DESCRIPTION;DEFINITION" "SOURCES")
+  pulsekit_describe(generated ${model} ${driver_DESCRIPTION})
+  add_library(${model}_objects OBJECT ${driver_SOURCES} ${generated})
+  target_include_directories(
+    ${model}_objects PRIVATE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src ${PULSEKIT_GENERATED}/${model})
+  target_compile_definitions(${model}_objects PRIVATE PULSEKIT3_BUILD ${driver_DEFINITION})
+  set(PULSEKIT_DRIVER_OBJECTS ${PULSEKIT_DRIVER_OBJECTS} $<TARGET_OBJECTS:${model}_objects>
+      CACHE INTERNAL "Object files of drivers")
+endfunction()
+
+set(variable_reference ${PROJECT_BINARY_DIR}/docs/variables.md)
+set(variable_help ${PULSEKIT_GENERATED}/variable_help.h)
+add_custom_command(
+  OUTPUT ${variable_reference} ${variable_help}
+  COMMAND Python3::Interpreter -B ${describe} reference ${description_files} --out ${variable_reference}
+  COMMAND Python3::Interpreter -B ${describe} help ${description_files} --out ${variable_help}
+  DEPENDS ${description_files} ${generator_sources}
+  COMMENT "Generating the variable reference"
+  VERBATIM)
+add_custom_target(variable_reference ALL DEPENDS ${variable_reference} ${variable_help})
