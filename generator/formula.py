@@ -22,7 +22,7 @@ class Expression:
     """C++ text and its type: int, float, condition, item, or what a driver function returns."""
     code: str
     type: str
-    value: str = ''  # the text of an item
+    number: int = None  # of an integer literal
 
 
 @dataclass
@@ -54,6 +54,10 @@ def integer_literal(value):
     return f'INT64_C({value})'
 
 
+def commented(number, text):
+    return f'{number} /* {text.replace("*/", "")} */'
+
+
 def float_literal(value):
     return repr(float(value))
 
@@ -61,6 +65,8 @@ def float_literal(value):
 def as_float(expression):
     if expression.type == 'float':
         return expression.code
+    if expression.number is not None:
+        return float_literal(expression.number)
     if expression.type == 'int':
         return f'static_cast<double>({expression.code})'
     raise FormulaError('expected a number')
@@ -87,13 +93,13 @@ class _Translator(ast.NodeVisitor):
         if isinstance(value, bool):
             return self.generic_visit(node)
         if isinstance(value, int):
-            return Expression(integer_literal(value), 'int')
+            return Expression(integer_literal(value), 'int', value)
         if isinstance(value, float):
             return Expression(float_literal(value), 'float')
         if isinstance(value, str):
             if value not in self.scope.items:
                 raise FormulaError(f'unknown item "{value}"')
-            return Expression(f'{self.scope.items[value]} /* {value} */', 'item', value)
+            return Expression(commented(self.scope.items[value], value), 'item')
         return self.generic_visit(node)
 
     def visit_Name(self, node):

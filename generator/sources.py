@@ -2,7 +2,7 @@
 import json
 
 from description import KEYS, LIVE, READOUT, SETTING
-from formula import as_float, as_integer, float_literal, integer_literal
+from formula import as_float, as_integer, commented, float_literal, integer_literal
 
 NOTE = '// Generated from the description of {model}: change that, not this.\n'
 
@@ -206,7 +206,7 @@ def auto_value(description, variable):
     if 'auto' not in KEYS[variable.kind] or auto == 0:
         return ''
     if isinstance(auto, str):
-        return answer(f'{description.symbol(auto)} /* {auto} */')
+        return answer(commented(description.symbol(auto), auto))
     if isinstance(auto, (int, float)):
         if variable.type == 'float':
             return f'      return float_to_value({float_literal(auto)}, result);\n'
