@@ -1,0 +1,98 @@
+// The sampler CDF: how often each sampler's comparator fires at each fixed threshold.
+#include <cstdio>
+
+#include "../driver.h"
+#include "QTX3701-frames.h"
+#include "QTX3701.h"
+
+using namespace pulsekit;
+using namespace pulsekit::chip;
+
+static constexpr const char kSource[] = "src/chip/" CHIP_NAME "/" CHIP_NAME "-CDF";
+
+namespace {
+
+int32_t set(const ChipHandle *chip, const char *name, int64_t value) {
+  return varSetIntValue(chip->variables, varNamed(chip->variables, name), value);
+}
+
+// What to set the variable to later, so that it is as it is now.
+int64_t restorePoint(const ChipHandle *chip, const char *name) {
+  const Variable *variable = varNamed(chip->variables, name);
+  const bool automatic = variable && (variable->flags & VAR_FLAG_AUTO);
+  return automatic ? VAR_AUTO : static_cast<int64_t>(setting(chip->variables, name));
+}
+
+}  // namespace
+
+int32_t CHIP(calculateCDF_Size)(ChipHandle *chip, uint32_t *width, uint32_t *lines) {
+  if (!chip) return kChipNotInitialized;
+  if (!width || !lines) return origin(chip->error_state, HERE, kError);
+  VariableSet *variables = chip->variables;
+  const uint64_t step = setting(variables, "DACStepFine");
+  if (step == 0) return origin(chip->error_state, HERE, kIllegalValue, "DACStepFine is 0");
+  *width = CHIP(sweepExtent)(variables).samplers;
+  // Wraps on purpose where the range is upside down.
+  *lines = static_cast<uint32_t>((setting(variables, "DACMax") - setting(variables, "DACMin")) / step + 1);
+  return kSuccess;
+}
+
+int32_t CHIP(getCDF_Line)(ChipHandle *chip, int64_t dac_value, uint32_t *line, int32_t capacity) {
+  if (!chip) return kChipNotInitialized;
+  QTX_StackTrace *record = chip->error_state;
+  if (!line) return origin(record, HERE, kError);
+  const SweepExtent extent = CHIP(sweepExtent)(chip->variables);
+  if (extent.samplers > static_cast<int64_t>(capacity)) return origin(record, HERE, kBufferTooSmall);
+  const int64_t value_afterwards = setting(chip->variables, "CDF_ReturnDACToZero") == 1 ? 0 : dac_value;
+
+  if (int32_t code = trigger(chip->variables, "ResetCounters")) return passThrough(record, HERE, code);
+  if (int32_t code = set(chip, "DACOverrideVal", dac_value)) {
+    std::printf("Error setting DAC: DACValue = %d\n", static_cast<int>(dac_value));
+    return passThrough(record, HERE, code);
+  }
+  if (int32_t code = trigger(chip->variables, "StartSweep")) return passThrough(record, HERE, code);
+  if (int32_t code = CHIP(waitForSweepFinished)(chip)) return passThrough(record, HERE, code);
+  if (int32_t code = set(chip, "DACOverrideVal", value_afterwards)) {
+    std::printf("Error resetting DAC: DACValue = %d\n", static_cast<int>(dac_value));
+    return passThrough(record, HERE, code);
+  }
+  if (int32_t code = trigger(chip->variables, "LoadOutputBuffer")) return passThrough(record, HERE, code);
+  if (int32_t code = CHIP(readCounters)(chip, extent, line)) return passThrough(record, HERE, code);
+  return kSuccess;
+}
+
+int32_t CHIP(getCDF)(ChipHandle *chip, uint32_t *table, int32_t capacity) {
+  if (!chip) return kChipNotInitialized;
+  QTX_StackTrace *record = chip->error_state;
+  if (!table) return origin(record, HERE, kError);
+  VariableSet *variables = chip->variables;
+  const int64_t dac_min_afterwards = restorePoint(chip, "DACMin");
+  const int64_t dac_max_afterwards = restorePoint(chip, "DACMax");
+  const int64_t override_afterwards = restorePoint(chip, "DACOverride");
+  const uint64_t first = setting(variables, "DACMin");
+  const uint64_t last = setting(variables, "DACMax");
+  const uint64_t step = setting(variables, "DACStepFine");
+  uint32_t width = 0, lines = 0;
+  if (int32_t code = CHIP(calculateCDF_Size)(chip, &width, &lines)) return passThrough(record, HERE, code);
+  if (capacity < static_cast<int32_t>(width * lines)) return origin(record, HERE, kBufferTooSmall);
+
+  // A sweep of no range under the override holds the DAC where the override puts it.
+  if (int32_t code = set(chip, "DACMin", 0)) return passThrough(record, HERE, code);
+  if (int32_t code = set(chip, "DACMax", 0)) return passThrough(record, HERE, code);
+  if (int32_t code = set(chip, "DACOverride", 1)) return passThrough(record, HERE, code);
+  CHIP(setSweepPin)(chip, 0);
+  const uint64_t passes = setting(variables, "CDF_SpreadingFactor");
+  for (uint64_t pass = 1; pass <= passes; ++pass) {
+    uint32_t *line = table;
+    for (uint64_t dac_value = first; dac_value <= last; dac_value += step, line += width) {
+      if (int32_t code = CHIP(getCDF_Line)(chip, static_cast<int64_t>(dac_value), line, capacity)) {
+        return passThrough(record, HERE, code);
+      }
+    }
+  }
+  CHIP(setSweepPin)(chip, 1);
+  if (int32_t code = set(chip, "DACMin", dac_min_afterwards)) return passThrough(record, HERE, code);
+  if (int32_t code = set(chip, "DACMax", dac_max_afterwards)) return passThrough(record, HERE, code);
+  if (int32_t code = set(chip, "DACOverride", override_afterwards)) return passThrough(record, HERE, code);
+  return kSuccess;
+}

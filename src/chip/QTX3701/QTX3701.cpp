@@ -1,0 +1,290 @@
+#include "QTX3701.h"
+
+#include <algorithm>
+
+#include "../../support/numbers.h"
+#include "../driver.h"
+#include "QTX3701-frames.h"
+
+using namespace pulsekit;
+using namespace pulsekit::chip;
+
+static constexpr const char kSource[] = "src/chip/" CHIP_NAME "/" CHIP_NAME;
+
+namespace {
+
+constexpr uint64_t kSweeping = 0x1;          // in the sweep status
+constexpr uint8_t kSamplerMemory = 0x20;     // address
+constexpr uint8_t kMemoryAccess = 0x7f;      // length byte that makes a read one of memory
+constexpr size_t kSamplerMemorySize = 2048;  // bytes
+constexpr uint32_t kSweepPin = 500;
+constexpr uint32_t kSweepStartPin = 7;
+constexpr uint64_t kQuickSweepPulses = 100;  // a step; longer sweeps are slept through before they are polled
+constexpr uint64_t kDacCodes = 8192;
+constexpr size_t kTimingRecordSize = 1304;
+constexpr size_t kSavedDelaysSize = 80;
+
+// Values travel least significant byte first. The caller holds the lock.
+int32_t readRegister(QTX_Handle *access, TracePoint at, uint8_t address, uint32_t byte_count, uint64_t *value) {
+  if (!access) return kRadarNotInitialized;
+  if (!value) return origin(access->error, at, kError);
+  *value = 0;
+  if (byte_count > kMaxRegisterBytes) {
+    return origin(access->error, at, kBufferTooSmall, "A register has at most 8 bytes");
+  }
+  const uint8_t command[] = {static_cast<uint8_t>(address & ~kWrite), static_cast<uint8_t>(byte_count)};
+  uint8_t answer[kMaxRegisterBytes] = {};
+  if (int32_t code = transfer(access, at, command, sizeof command, answer, byte_count)) return code;
+  for (uint32_t i = byte_count; i > 0; --i) *value = *value << 8 | answer[i - 1];
+  return kSuccess;
+}
+
+}  // namespace
+
+// ---- Bus ----
+
+int32_t CHIP(ReadRegister)(QTX_Handle *access, uint8_t address, uint32_t byte_count, uint64_t *value) {
+  InterfaceLock lock(bridgeOf(access));
+  return readRegister(access, HERE, address, byte_count, value);
+}
+
+int32_t CHIP(ReadRegister_local)(QTX_Handle *access, uint8_t address, uint32_t byte_count, uint64_t *value) {
+  return readRegister(access, HERE, address, byte_count, value);
+}
+
+int32_t CHIP(WriteRegister)(QTX_Handle *access, uint8_t address, int32_t byte_count, uint64_t value) {
+  if (!access) return kRadarNotInitialized;
+  if (byte_count > kMaxRegisterBytes) {
+    return origin(access->error, HERE, kError, "A register has at most 8 bytes");
+  }
+  uint8_t frame[2 + kMaxRegisterBytes] = {static_cast<uint8_t>(address | kWrite), static_cast<uint8_t>(byte_count)};
+  const int32_t data_count = std::max(byte_count, 0);
+  for (int32_t i = 0; i < data_count; ++i, value >>= 8) frame[2 + i] = static_cast<uint8_t>(value);
+  return writeWhenIdle(access, HERE, CHIP(ReadRegister_local), kSweeping, frame, 2 + data_count);
+}
+
+int32_t CHIP(ReadMemory)(QTX_Handle *access, uint8_t address, uint32_t byte_count, uint8_t *buffer) {
+  if (!access) return kRadarNotInitialized;
+  if (!buffer) return origin(access->error, HERE, kError);
+  const uint8_t command[] = {static_cast<uint8_t>(address & ~kWrite), kMemoryAccess};
+  InterfaceLock lock(bridgeOf(access));
+  return transfer(access, HERE, command, sizeof command, buffer, byte_count);
+}
+
+int32_t CHIP(ExecuteAction)(QTX_Handle *access, uint8_t action) { return strobe(access, HERE, action); }
+
+int32_t CHIP(ReadChipId)(QTX_Handle *access) {
+  uint64_t id = 0;
+  CHIP(ReadRegister)(access, kChipIdRegister, 2, &id);
+  return static_cast<int32_t>(id);
+}
+
+int32_t CHIP(EmptyPipeLine)(QTX_Handle *access) { return forgetStartedSweep(access, HERE); }
+
+int32_t CHIP(waitForSweepFinished)(ChipHandle *chip) {
+  if (!chip) return kChipNotInitialized;
+  if (setting(chip->variables, "Iterations") * setting(chip->variables, "PulsesPerStep") > kQuickSweepPulses) {
+    QTX_sleep_ms(1);
+  }
+  uint64_t status = 0;
+  do {
+    if (int32_t code = CHIP(ReadRegister)(chip->access, kSweepStatusRegister, 2, &status)) {
+      return passThrough(chip->error_state, HERE, code);
+    }
+  } while (status & kSweeping);
+  return kSuccess;
+}
+
+int32_t CHIP(MCLK_frequency)(VariableSet *set) {
+  if (!set || setting(set, "MClkEnable") == 0) return 0;
+  const int32_t frequency = static_cast<int32_t>(setting(set, "ClockFrequency"));
+  const uint64_t divider = setting(set, "MClkDiv");
+  if (divider > 7) return frequency;
+  return divider > 4 ? 0 : frequency / (1 << divider);
+}
+
+// ---- Frames ----
+
+SweepExtent CHIP(sweepExtent)(VariableSet *set) {
+  const uint64_t downsampling = static_cast<uint64_t>(varGetValue_Real(set, varNamed(set, "Downsampling")));
+  return {static_cast<uint32_t>(setting(set, "SamplersOnChip") >> (downsampling & 63)),
+          static_cast<uint32_t>(setting(set, "BytesPerCounter"))};
+}
+
+void CHIP(setSweepPin)(const ChipHandle *chip, uint32_t level) {
+  InterfaceHandle *bridge = bridgeOf(chip->access);
+  InterfaceLock lock(bridge);
+  if (bridge && bridge->SetIO) bridge->SetIO(bridge, kSweepPin, level);
+}
+
+int32_t CHIP(readCounters)(const ChipHandle *chip, SweepExtent extent, uint32_t *counters) {
+  uint8_t image[kSamplerMemorySize];
+  const uint32_t size = extent.samplers * extent.bytes_per_counter;
+  if (size > sizeof image) return origin(chip->error_state, HERE, kBufferTooSmall);
+  if (int32_t code = chip->operations.ReadMemory(chip->access, kSamplerMemory, size, image)) return code;
+  const uint8_t *end_of_counter = image;
+  for (uint32_t k = 0; k < extent.samplers; ++k) {
+    end_of_counter += extent.bytes_per_counter;
+    uint32_t counter = 0;
+    for (uint32_t i = 1; i <= extent.bytes_per_counter; ++i)
+      counter = counter << 8 | end_of_counter[-static_cast<int32_t>(i)];
+    counters[k] = counter;
+  }
+  return kSuccess;
+}
+
+namespace {
+
+// The delay of the sampling window, which is moved from sweep to sweep of a stitched frame.
+class Window {
+ public:
+  explicit Window(VariableSet *set)
+      : set_(set),
+        delay_(varNamed(set, "SampleDelay")),
+        original_(setting(set, "SampleDelay")),
+        automatic_(delay_ && (delay_->flags & VAR_FLAG_AUTO)),
+        step_(bitsToDouble(setting(set, "FrameSize"))) {}
+
+  int32_t moveTo(uint64_t sweep) const {
+    return varSetFloatValue(set_, delay_, static_cast<double>(sweep) * step_ + bitsToDouble(original_));
+  }
+  int32_t putBack() const {
+    return automatic_ ? varSetIntValue(set_, delay_, VAR_AUTO) : varSetValue(set_, delay_, original_);
+  }
+
+ private:
+  VariableSet *set_;
+  Variable *delay_;
+  uint64_t original_;
+  bool automatic_;
+  double step_;
+};
+
+void toggleSweepStartPin(const ChipHandle *chip) {
+  InterfaceHandle *bridge = bridgeOf(chip->access);
+  if (!bridge || !bridge->GetIO || !bridge->SetIO) return;
+  InterfaceLock lock(bridge);
+  uint32_t level = 0;
+  bridge->GetIO(bridge, kSweepStartPin, &level);
+  bridge->SetIO(bridge, kSweepStartPin, level == 0 ? 1 : 0);
+}
+
+int32_t startSweep(const ChipHandle *chip) {
+  if (int32_t code = trigger(chip->variables, "ResetCounters")) return code;
+  if (setting(chip->variables, "SignalStartOfSweep") == 1) toggleSweepStartPin(chip);
+  return trigger(chip->variables, "StartSweep");
+}
+
+template <typename Real>
+int32_t normalize(const ChipHandle *chip, TracePoint at, const uint32_t *raw, Real *normalized, int32_t count) {
+  if (count > 0 && (!raw || !normalized)) return origin(chip->error_state, at, kError);
+  const uint64_t step = setting(chip->variables, "DACStepFine");
+  if (step == 0) return origin(chip->error_state, at, kIllegalValue, "DACStepFine is 0");
+  const uint64_t pulses = setting(chip->variables, "Iterations") * setting(chip->variables, "PulsesPerStep");
+  const uint64_t offset = setting(chip->variables, "DACMin") * pulses / step;
+  const Real full_scale = static_cast<Real>(pulses * kDacCodes) / static_cast<Real>(step);
+  for (int32_t i = 0; i < count; ++i) {
+    normalized[i] = static_cast<Real>(raw[i] + offset) * Real{100} / full_scale;
+  }
+  return kSuccess;
+}
+
+}  // namespace
+
+int32_t CHIP(CaptureFrame)(ChipHandle *chip, uint32_t *frame, int32_t capacity, uint64_t) {
+  if (!chip) return kChipNotInitialized;
+  QTX_StackTrace *record = chip->error_state;
+  if (!frame) return origin(record, HERE, kError);
+  VariableSet *set = chip->variables;
+  const Window window(set);
+  const SweepExtent extent = CHIP(sweepExtent)(set);
+  const uint64_t sweeps = setting(set, "FrameStitch");
+  if (capacity < static_cast<int64_t>(sweeps * extent.samplers)) return origin(record, HERE, kBufferTooSmall);
+  const bool pipelining = setting(set, "PipeLining") != 0;
+
+  for (uint64_t sweep = 0; sweep < sweeps; ++sweep) {
+    CHIP(setSweepPin)(chip, 0);
+    if (!pipelining) chip->sweep_idle = 1;
+    if (chip->sweep_idle == 1) {
+      if (sweeps > 1) {
+        if (int32_t code = window.moveTo(sweep)) return passThrough(record, HERE, code);
+      }
+      if (int32_t code = startSweep(chip)) return passThrough(record, HERE, code);
+      chip->sweep_idle = 0;
+    }
+    if (int32_t code = CHIP(waitForSweepFinished)(chip)) return passThrough(record, HERE, code);
+    if (int32_t code = trigger(set, "LoadOutputBuffer")) return passThrough(record, HERE, code);
+    CHIP(setSweepPin)(chip, 1);
+    if (pipelining) {
+      // The next sweep runs while this one is read out; after the last it is the first one of the next frame.
+      const uint64_t next = (sweep + 1) % sweeps;
+      if (int32_t code = sweeps > 1 ? window.moveTo(next) : window.putBack()) return passThrough(record, HERE, code);
+      chip->sweep_idle = 0;
+      if (int32_t code = startSweep(chip)) return passThrough(record, HERE, code);
+    }
+    if (int32_t code = CHIP(readCounters)(chip, extent, frame + sweep * extent.samplers)) {
+      return passThrough(record, HERE, code);
+    }
+  }
+  if (int32_t code = window.putBack()) return passThrough(record, HERE, code);
+  return kSuccess;
+}
+
+int32_t CHIP(NormalizeFrameDouble)(ChipHandle *chip, const uint32_t *raw, double *normalized, int32_t count) {
+  if (!chip) return kChipNotInitialized;
+  return normalize(chip, HERE, raw, normalized, count);
+}
+
+int32_t CHIP(NormalizeFrameFloat)(ChipHandle *chip, const uint32_t *raw, float *normalized, int32_t count) {
+  if (!chip) return kChipNotInitialized;
+  return normalize(chip, HERE, raw, normalized, count);
+}
+
+// ---- Handle ----
+
+int32_t CHIP(InitChip)(ChipHandle *chip) {
+  if (!chip) return kChipNotInitialized;
+  // The first access only brings the chip's SPI logic into a known state.
+  uint64_t ignored = 0;
+  CHIP(ReadRegister_local)(chip->access, 0, 1, &ignored);
+  if (int32_t code = trigger(chip->variables, "ResetSweepController")) {
+    return passThrough(chip->error_state, HERE, code);
+  }
+  if (int32_t code = varsInit(chip->variables)) return passThrough(chip->error_state, HERE, code);
+  chip->sweep_idle = 1;
+  return kSuccess;
+}
+
+static constexpr Driver kDriver = {
+    .create_variables = CHIP_VARS(InitHandle),
+    .free_variables = CHIP_VARS(FreeHandle),
+    .read_chip_id = CHIP(ReadChipId),
+    .operations =
+        {
+            .InitChip = CHIP(InitChip),
+            .ReadRegister = CHIP(ReadRegister),
+            .WriteRegister = CHIP(WriteRegister),
+            .ReadMemory = CHIP(ReadMemory),
+            .ExecuteAction = CHIP(ExecuteAction),
+            .CaptureFrame = CHIP(CaptureFrame),
+            .NormalizeFrameDouble = CHIP(NormalizeFrameDouble),
+            .NormalizeFrameFloat = CHIP(NormalizeFrameFloat),
+            .calculateCDF_Size = CHIP(calculateCDF_Size),
+            .getCDF = CHIP(getCDF),
+            .getTimingMeasurementResults = CHIP(getTimingMeasurementResults),
+            .measurementSaveDataToFlash = CHIP(measurementSaveDataToFlash),
+            .measurementLoadDataFromFlash = CHIP(measurementLoadDataFromFlash),
+        },
+    .timing_record_size = kTimingRecordSize,
+    .saved_delays_size = kSavedDelaysSize,
+};
+
+const char *CHIP(Name)() { return CHIP_NAME; }
+
+int32_t CHIP(InitHandle)(ChipHandle **out, QTX_StackTrace **error_state, QTX_Handle *access) {
+  return createHandle(out, error_state, access, kDriver, HERE);
+}
+
+int32_t CHIP(FreeHandle)(ChipHandle **chip, QTX_StackTrace **error_state_or_null) {
+  return freeHandle(chip, error_state_or_null, kDriver);
+}
