@@ -4,7 +4,13 @@
 #include <utility>
 #include <vector>
 
+#include "ChipClocks.h"
+#include "ChipTruth.h"
+#include "MeasurementUnit.h"
+#include "Random.h"
 #include "RegisterFile.h"
+#include "SamplerArray.h"
+#include "Scene.h"
 
 namespace pulsekit::simulator {
 
@@ -14,17 +20,33 @@ struct Model {
   std::string_view name;
   uint16_t id;
   Generation generation;
+  unsigned samplers;
 };
 
 constexpr Model kModels[] = {
-    {"QTX3400", 0x305, Generation::first},
-    {"QTX3500", 0x306, Generation::first},
-    {"QTX3701", 0x309, Generation::second},
-    {"QTX3702", 0x308, Generation::second},
+    {"QTX3400", 0x305, Generation::first, 512},
+    {"QTX3500", 0x306, Generation::first, 512},
+    {"QTX3701", 0x309, Generation::second, 256},
+    {"QTX3702", 0x308, Generation::second, 256},
 };
 
 constexpr uint8_t kChipId = 0x02;
 constexpr uint8_t kSamplerMemory = 0x20;
+constexpr uint8_t kSweepStatus = 0x47;
+
+enum Action : uint8_t {
+  kLoadOutputBuffer = 15,
+  kResetCounters = 17,
+  kStartMeasurement = 20,
+  kCalibrateOscillator = 33,
+  kClearFrequencyResult = 35,
+  kStopMeasurement = 76,
+  kStartSweep = 93,
+  kResetSweepController = 99,
+};
+
+constexpr double kReferenceClock = 100e6;
+constexpr uint64_t kNoiseStream = 0x6E6F697365;  // keeps the noise apart from the spread of the specimen
 
 constexpr uint8_t kWriteBit = 0x80;
 constexpr uint8_t kMemoryRead = 0x7F;
@@ -32,8 +54,16 @@ constexpr uint8_t kContinueBurst = 0x80;
 
 class SimulatedChip final : public RadarChip {
  public:
-  SimulatedChip(const Model &model, Clock &clock)
-      : generation_(model.generation), id_(model.id), clock_(clock), registers_(model.generation) {
+  SimulatedChip(const Model &model, Clock &clock, uint64_t seed)
+      : generation_(model.generation),
+        id_(model.id),
+        clock_(clock),
+        truth_(makeTruth(seed)),
+        registers_(model.generation),
+        random_(seed ^ kNoiseStream),
+        measurement_(registers_, random_),
+        samplers_(model.samplers, random_) {
+    samplers_.setScene(std::make_shared<Scene>(defaultScene()), now());
     reset();
   }
 
@@ -68,7 +98,11 @@ class SimulatedChip final : public RadarChip {
 
   bool drivesDataLine() const override { return powered_ && selected_; }
 
-  void setScene(std::shared_ptr<const Scene> scene) override { scene_ = std::move(scene); }
+  void setScene(std::shared_ptr<const Scene> scene) override {
+    if (scene) samplers_.setScene(std::move(scene), now());
+  }
+
+  void setReferenceClock(double frequency) override { reference_ = frequency; }
 
   uint64_t registerValue(uint8_t address) const override { return registers_.value(address, now()); }
 
@@ -83,14 +117,21 @@ class SimulatedChip final : public RadarChip {
     registers_.set(kChipId, 0xFFFF, id_, now());
   }
 
+  const ChipTruth &truth() const override { return truth_; }
+
+  double windowStart() const override { return clocks().windowStart(); }
+
  private:
   enum class Transaction { none, readRegister, writeRegister, readMemory };
 
   uint64_t now() const { return clock_.nanoseconds(); }
 
+  ChipClocks clocks() const { return {registers_, truth_, reference_, now()}; }
+
   void reset() {
     registers_.reset();
     registers_.set(kChipId, 0xFFFF, id_, now());
+    samplers_.reset();
     memory_.clear();
     memoryPointer_ = 0;
     position_ = 0;
@@ -141,13 +182,50 @@ class SimulatedChip final : public RadarChip {
     if (index + 1 == count_) registers_.write(header_ & ~kWriteBit, value_, count_, now());
   }
 
-  void act(uint8_t) {}
+  void act(uint8_t action) {
+    switch (action) {
+      case kLoadOutputBuffer:
+        memory_ = samplers_.image(registers_, now());
+        break;
+      case kResetCounters:
+        samplers_.clear(now());
+        break;
+      case kStartSweep:
+        startSweep();
+        break;
+      case kResetSweepController:
+        samplers_.stopSweep(now());
+        registers_.set(kSweepStatus, sweepingBit(), 0, now());
+        break;
+      default:
+        if (generation_ == Generation::second) measure(action);
+    }
+  }
+
+  void measure(uint8_t action) {
+    if (action == kStartMeasurement) measurement_.start(clocks());
+    if (action == kStopMeasurement) measurement_.stop(now());
+    if (action == kCalibrateOscillator) measurement_.calibrateOscillator(clocks());
+    if (action == kClearFrequencyResult) measurement_.clearFrequency(now());
+  }
+
+  uint64_t sweepingBit() const { return generation_ == Generation::first ? 1 << 15 : 1; }
+
+  void startSweep() {
+    const uint64_t end = samplers_.startSweep(clocks());
+    registers_.set(kSweepStatus, sweepingBit(), sweepingBit(), now());
+    registers_.setLater(kSweepStatus, sweepingBit(), 0, end, now());
+  }
 
   const Generation generation_;
   uint16_t id_;
   Clock &clock_;
+  const ChipTruth truth_;
+  double reference_ = kReferenceClock;
   RegisterFile registers_;
-  std::shared_ptr<const Scene> scene_;
+  Random random_;
+  MeasurementUnit measurement_;
+  SamplerArray samplers_;
   bool powered_ = false;
 
   bool selected_ = false;
@@ -164,9 +242,9 @@ class SimulatedChip final : public RadarChip {
 
 }  // namespace
 
-std::unique_ptr<RadarChip> makeRadarChip(std::string_view model, Clock &clock, uint64_t) {
+std::unique_ptr<RadarChip> makeRadarChip(std::string_view model, Clock &clock, uint64_t seed) {
   for (const Model &known : kModels)
-    if (known.name == model) return std::make_unique<SimulatedChip>(known, clock);
+    if (known.name == model) return std::make_unique<SimulatedChip>(known, clock, seed);
   return nullptr;
 }
 

@@ -11,6 +11,7 @@
 namespace pulsekit::simulator {
 
 class Scene;
+struct ChipTruth;
 
 class RadarChip : public SpiDevice {
  public:
@@ -18,8 +19,10 @@ class RadarChip : public SpiDevice {
   virtual void setPower(bool on) = 0;
   // False while it does not drive the data line: the bus then reads its idle level.
   virtual bool drivesDataLine() const = 0;
-  // What the antenna looks at. Never null; replaced while it runs.
+  // What the antenna looks at. Never null; may be replaced while it runs. Motions begin anew.
   virtual void setScene(std::shared_ptr<const Scene> scene) = 0;
+  // The clock that the board feeds it, hertz; 0 stops it. 100 MHz unless set.
+  virtual void setReferenceClock(double frequency) = 0;
 
   // For tests: registers as they stand, faults.
   virtual uint64_t registerValue(uint8_t address) const = 0;
@@ -27,6 +30,10 @@ class RadarChip : public SpiDevice {
   // Bits of mask in the register no longer take what is written: they keep the bits of value.
   virtual void stickBits(uint8_t address, uint64_t mask, uint64_t value) = 0;
   virtual void setChipId(uint16_t id) = 0;
+
+  // For tests: what this specimen really is, and when after the pulse its first sampler looks (seconds).
+  virtual const ChipTruth &truth() const = 0;
+  virtual double windowStart() const = 0;
 };
 
 // "QTX3400", "QTX3500", "QTX3701" or "QTX3702"; null for any other model. seed makes the spread of its delay elements.

@@ -1,0 +1,71 @@
+#include "SamplerArray.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace pulsekit::simulator {
+
+void SamplerArray::reset() {
+  sweep_.reset();
+  std::fill(counters_.begin(), counters_.end(), 0);
+}
+
+void SamplerArray::setScene(std::shared_ptr<const Scene> scene, uint64_t now) {
+  countUpTo(now);
+  scene_ = std::move(scene);
+  sceneSince_ = now;
+}
+
+uint64_t SamplerArray::startSweep(const ChipClocks &clocks) {
+  countUpTo(clocks.now);
+  sweep_.emplace(readSweepSettings(clocks), clocks.now);
+  pulse_ = pulseOf(static_cast<unsigned>(clocks.registers.field(0x50, 3, 0, clocks.now)));
+  window_ = {clocks.windowStart(), 1 / clocks.truth.samplesPerSecond};
+  return sweep_->end();
+}
+
+void SamplerArray::stopSweep(uint64_t now) {
+  countUpTo(now);
+  sweep_.reset();
+}
+
+void SamplerArray::clear(uint64_t now) {
+  uint64_t middle = 0;
+  if (sweep_) sweep_->advance(now, middle);
+  std::fill(counters_.begin(), counters_.end(), 0);
+}
+
+void SamplerArray::countUpTo(uint64_t now) {
+  if (!sweep_) return;
+  uint64_t middle = 0;
+  const std::vector<SweepPart> parts = sweep_->advance(now, middle);
+  if (parts.empty()) return;
+
+  const double seconds = static_cast<double>(middle - std::min(middle, sceneSince_)) * 1e-9;
+  scene_->receive(pulse_, window_, seconds, levels_);
+  for (size_t k = 0; k < counters_.size(); ++k)
+    for (const SweepPart &part : parts) {
+      const double hits = drawHits(sweep_->settings(), part, levels_[k], scene_->noise, random_);
+      counters_[k] += static_cast<uint32_t>(static_cast<uint64_t>(hits));  // wraps as 32 flip-flops do
+    }
+}
+
+// Of every group of samplers the first; of every counter the bits from CounterLSb to CounterMSb, in whole bytes.
+std::vector<uint8_t> SamplerArray::image(const RegisterFile &registers, uint64_t now) {
+  countUpTo(now);
+  const size_t group = size_t{1} << registers.field(0x21, 1, 0, now);
+  const uint64_t low = registers.field(0x21, 6, 2, now);
+  const uint64_t high = registers.field(0x21, 11, 7, now);
+  const uint64_t width = high >= low ? high - low + 1 : 0;
+  const uint64_t bytes = std::max<uint64_t>((width + 7) / 8, 1);
+
+  std::vector<uint8_t> image;
+  image.reserve(counters_.size() / group * bytes);
+  for (size_t k = 0; k < counters_.size(); k += group) {
+    const uint64_t value = uint64_t{counters_[k]} >> low & ((uint64_t{1} << width) - 1);
+    for (uint64_t byte = 0; byte < bytes; ++byte) image.push_back(static_cast<uint8_t>(value >> (8 * byte)));
+  }
+  return image;
+}
+
+}  // namespace pulsekit::simulator

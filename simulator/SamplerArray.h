@@ -1,0 +1,47 @@
+// The samplers of a chip with their counters, and the sweep that fills them.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "ChipClocks.h"
+#include "Random.h"
+#include "RegisterFile.h"
+#include "Scene.h"
+#include "Sweep.h"
+
+namespace pulsekit::simulator {
+
+// Hits are drawn only when somebody asks for the counters.
+class SamplerArray {
+ public:
+  SamplerArray(unsigned samplers, Random &random) : random_(random), levels_(samplers), counters_(samplers) {}
+
+  void reset();
+  void setScene(std::shared_ptr<const Scene> scene, uint64_t now);
+
+  uint64_t startSweep(const ChipClocks &clocks);  // the time at which it ends
+  void stopSweep(uint64_t now);
+  void clear(uint64_t now);  // the counters; a sweep goes on
+
+  // The counters as sampler memory shows them.
+  std::vector<uint8_t> image(const RegisterFile &registers, uint64_t now);
+
+ private:
+  void countUpTo(uint64_t now);
+
+  Random &random_;
+  std::shared_ptr<const Scene> scene_;
+  uint64_t sceneSince_ = 0;
+
+  std::optional<Sweep> sweep_;
+  Pulse pulse_{};
+  SamplingWindow window_{};
+
+  std::vector<double> levels_;
+  std::vector<uint32_t> counters_;
+};
+
+}  // namespace pulsekit::simulator

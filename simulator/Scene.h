@@ -1,0 +1,68 @@
+// What a simulated radar looks at, and the signal that it receives from it.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace pulsekit::simulator {
+
+constexpr double kMidScale = 4096;  // of the threshold DAC: the level without any signal
+
+struct Reflector {
+  enum class Motion { still, speed, breathing };
+
+  double range = 1;     // metres at time 0
+  double strength = 0;  // amplitude at one metre, in threshold-DAC codes
+  Motion motion = Motion::still;
+  double speed = 0;      // metres a second, away from the radar
+  double amplitude = 0;  // of breathing, metres either way
+  double rate = 0;       // of breathing, hertz
+
+  double rangeAt(double seconds) const;
+};
+
+// A cosine of the centre frequency under a Gaussian envelope.
+struct Pulse {
+  double centre;  // hertz
+  double width;   // standard deviation of the envelope, seconds
+
+  double at(double time) const;  // 1 at 0
+};
+
+Pulse pulseOf(unsigned pgSelect);
+
+// Where and how closely the samplers look: sampler k at start + k * interval after the pulse.
+struct SamplingWindow {
+  double start, interval;  // seconds
+};
+
+class Scene {
+ public:
+  std::vector<Reflector> reflectors;
+  double directCoupling = 0;  // amplitude at zero range, in threshold-DAC codes
+  double noise = 0;           // standard deviation, in threshold-DAC codes
+
+  // The mean level at each of the samplers, the given time after the scene was set up.
+  void receive(const Pulse &pulse, const SamplingWindow &window, double seconds, std::vector<double> &levels) const;
+};
+
+Scene defaultScene();
+
+// A scene written as
+//   noise = 40.0
+//   direct_coupling = 500.0
+//   [[reflector]]
+//   range = 0.8
+//   strength = 200.0
+//   motion = "still"                                          # the default, or
+//   motion = "speed"     with  speed = 0.5                    # m/s, away from the radar
+//   motion = "breathing" with  amplitude = 0.004, rate = 0.25 # m, Hz
+// Nothing, and a message that names the place, for anything else.
+std::optional<Scene> readScene(const std::string &path, std::string &error);
+std::optional<Scene> parseScene(const std::string &text, const std::string &name, std::string &error);
+
+// Null, or what is wrong with the scene.
+const char *sceneFault(const Scene &scene);
+
+}  // namespace pulsekit::simulator
