@@ -1,4 +1,5 @@
 """Reads a description, checks it and works out what follows from it: symbols, evaluation order, dependents, fields."""
+import math
 import re
 import tomllib
 from dataclasses import dataclass, field
@@ -110,7 +111,7 @@ class Description:
 
 def models(path):
     """The names of the models that a description file covers."""
-    return [row['name'] for row in _Reader(Path(path)).array('models')]
+    return _Reader(Path(path)).models()
 
 
 def load(path, model):
@@ -122,7 +123,10 @@ class _Reader:
 
     def __init__(self, path):
         self.path = path
-        text = path.read_text(encoding='utf-8')
+        try:
+            text = path.read_text(encoding='utf-8')
+        except UnicodeDecodeError as error:
+            raise DescriptionError(path, path.read_bytes()[:error.start].count(b'\n') + 1, 'not UTF-8') from error
         self.lines = text.splitlines()
         try:
             self.content = tomllib.loads(text)
@@ -145,6 +149,12 @@ class _Reader:
         if not isinstance(rows, list) or not all(isinstance(row, dict) for row in rows):
             self.fail(self.line_of(key), f'"{key}" is not an array of tables')
         return rows
+
+    def models(self):
+        for line, row in self.rows('models'):
+            if not isinstance(row.get('name'), str):
+                self.fail(line, 'a model has a name')
+        return [row['name'] for row in self.array('models')]
 
     def rows(self, key):
         """(line, row) for each row of an array."""
@@ -177,7 +187,7 @@ def _is_integer(value):
 
 
 def _is_number(value):
-    return _is_integer(value) or isinstance(value, float)
+    return _is_integer(value) or isinstance(value, float) and math.isfinite(value)
 
 
 class _Loader:
@@ -222,10 +232,10 @@ class _Loader:
     # ---- Rows ----
 
     def load_constants(self):
-        rows = [(line, row) for line, row in self.rows('models') if row.get('name') == self.model]
-        if len(rows) != 1:
-            self.fail(self.reader.line_of('models'), f'model "{self.model}" is described {len(rows)} times')
-        line, row = rows[0]
+        count = self.reader.models().count(self.model)
+        if count != 1:
+            self.fail(self.reader.line_of('models'), f'model "{self.model}" is described {count} times')
+        line, row = next((line, row) for line, row in self.rows('models') if row['name'] == self.model)
         constants = {key: value for key, value in row.items() if key != 'name'}
         for key, value in constants.items():
             if not _is_integer(value):
@@ -267,7 +277,7 @@ class _Loader:
 
     def model_rows(self):
         """The rows of the table that this model has."""
-        names = models(self.reader.path)
+        names = self.reader.models()
         for line, row in self.rows('table'):
             if 'only' in row and row['only'] not in names:
                 self.fail(line, f'unknown model "{row["only"]}"')

@@ -93,6 +93,8 @@ class _Translator(ast.NodeVisitor):
         if isinstance(value, bool):
             return self.generic_visit(node)
         if isinstance(value, int):
+            if value >= 2**63:
+                raise FormulaError(f'{value} is too large')
             return Expression(integer_literal(value), 'int', value)
         if isinstance(value, float):
             return Expression(float_literal(value), 'float')
