@@ -1,0 +1,92 @@
+// The command interpreter of an MPSSE channel. Commands may arrive split anywhere.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "Clock.h"
+#include "Pins.h"
+#include "Recorder.h"
+
+namespace pulsekit::simulator {
+
+// Where answers go: the channel's FIFO towards the host.
+class AnswerSink {
+ public:
+  virtual ~AnswerSink() = default;
+  virtual size_t space() = 0;
+  virtual void push(const uint8_t *bytes, size_t count) = 0;  // at most space()
+  virtual void flush() = 0;                                   // what is there leaves at once
+  virtual uint64_t patience() const = 0;                      // the latency timer in nanoseconds
+};
+
+class Mpsse {
+ public:
+  Mpsse(Clock &clock, Pins &pins, AnswerSink &sink, Recorder &recorder, int32_t device);
+
+  // As after switching on: 12 MHz base clock, divisor 0, loopback off, no command under way.
+  void reset();
+
+  // Returns how many bytes were consumed; fewer than given while it waits for a pin or for room in the FIFO.
+  size_t feed(const uint8_t *bytes, size_t count);
+
+  uint64_t spiNanoseconds() const { return spiNanoseconds_; }
+
+ private:
+  enum class State { Opcode, Arguments, Bytes, Answer, WaitForPin };
+  struct Input {
+    const uint8_t *bytes;
+    size_t count;
+    void skip(size_t n) {
+      bytes += n;
+      count -= n;
+    }
+  };
+
+  bool step(Input &input);
+  void begin(uint8_t opcode);
+  bool takeArgument(Input &input);
+  bool moveBytes(Input &input);
+  bool deliverAnswer();
+  bool pinArrived();
+  void execute();
+  void executeShift();
+  void shiftBits();
+  void setPins(int bank);
+  void answer(uint8_t first);
+  void answer(uint8_t first, uint8_t second);
+  void setLoopback(bool on);
+  void clockChanged();
+  void record(uint32_t kind, uint32_t value, const char *text);
+
+  bool writes() const { return (opcode_ & 0x10) != 0; }
+  bool reads() const { return (opcode_ & 0x20) != 0; }
+  bool leastFirst() const { return (opcode_ & 0x08) != 0; }
+  bool risingEdge() const { return (opcode_ & 0x01) == 0; }
+  uint32_t argument16() const { return arguments_[0] | static_cast<uint32_t>(arguments_[1]) << 8; }
+  // SPI bits take periods of whole thirds of a nanosecond.
+  uint64_t thirdsPerBit() const { return (uint64_t{divisor_} + 1) * 2 * (slowBase_ ? 250 : 50); }
+  void spend(uint64_t bits);
+
+  Clock &clock_;
+  Pins &pins_;
+  AnswerSink &sink_;
+  Recorder &recorder_;
+  const int32_t device_;
+
+  State state_ = State::Opcode;
+  uint8_t opcode_ = 0;
+  std::array<uint8_t, 3> arguments_{};
+  size_t argumentsTaken_ = 0, argumentsNeeded_ = 0;
+  size_t bytesLeft_ = 0;
+  std::array<uint8_t, 2> answer_{};
+  size_t answerSize_ = 0;
+
+  bool slowBase_ = true;
+  uint32_t divisor_ = 0;
+  uint64_t thirds_ = 0;
+  uint64_t spiNanoseconds_ = 0;
+};
+
+}  // namespace pulsekit::simulator
