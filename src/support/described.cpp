@@ -105,6 +105,8 @@ uint64_t readWhole(const RegisterBus &bus, VariableSet *set, TracePoint at, uint
   uint64_t value = 0;
   if (int32_t code = bus.read(ownerOf(set), address, byte_count, &value)) {
     passThrough(set->error_state, at, code);
+    // Whoever asked learns of the failure from the record only.
+    if (set->error_state && set->error_state->code == kSuccess) set->error_state->code = code;
     return 0;
   }
   return value;
