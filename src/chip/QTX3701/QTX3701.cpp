@@ -5,6 +5,7 @@
 #include "../../support/numbers.h"
 #include "../driver.h"
 #include "QTX3701-frames.h"
+#include "QTX3701-timing.h"
 
 using namespace pulsekit;
 using namespace pulsekit::chip;
@@ -21,8 +22,6 @@ constexpr uint32_t kSweepPin = 500;
 constexpr uint32_t kSweepStartPin = 7;
 constexpr uint64_t kQuickSweepPulses = 100;  // a step; longer sweeps are slept through before they are polled
 constexpr uint64_t kDacCodes = 8192;
-constexpr size_t kTimingRecordSize = 1304;
-constexpr size_t kSavedDelaysSize = 80;
 
 // Values travel least significant byte first. The caller holds the lock.
 int32_t readRegister(QTX_Handle *access, TracePoint at, uint8_t address, uint32_t byte_count, uint64_t *value) {
@@ -275,8 +274,8 @@ static constexpr Driver kDriver = {
             .measurementSaveDataToFlash = CHIP(measurementSaveDataToFlash),
             .measurementLoadDataFromFlash = CHIP(measurementLoadDataFromFlash),
         },
-    .timing_record_size = kTimingRecordSize,
-    .saved_delays_size = kSavedDelaysSize,
+    .timing_record_size = sizeof(TimingRecord),
+    .saved_delays_size = sizeof(SavedDelays),
 };
 
 const char *CHIP(Name)() { return CHIP_NAME; }
