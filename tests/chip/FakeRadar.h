@@ -51,6 +51,7 @@ class FakeRadar {
     ASSERT_EQ(chipInitHandle(&handle.chip, &handle.error, &handle, model), 0) << trace();
     ASSERT_EQ(chipInitChip(handle.chip), 0) << trace();
     log.clear();
+    unlocked_access = false;
   }
 
   // ---- Variables of the chip ----
@@ -145,12 +146,14 @@ class FakeRadar {
   }
 
   int32_t setPin(uint32_t pin, uint32_t level) {
+    if (lock_depth == 0) unlocked_access = true;
     log.push_back("pin " + std::to_string(pin) + " = " + std::to_string(level));
     pins[pin] = level;
     return pin_code;
   }
 
   int32_t getPin(uint32_t pin, uint32_t *level) {
+    if (lock_depth == 0) unlocked_access = true;
     log.push_back("pin " + std::to_string(pin) + " ?");
     *level = pins[pin];
     return pin_code;

@@ -24,8 +24,14 @@ class Frames : public ::testing::Test {
     ASSERT_EQ(radar.set("PulsesPerStep", 1), 0);
     radar.log.clear();
     radar.on_action = [this](uint8_t action) {
-      if (action == kStartSweep) delays.push_back(radar.getReal("SampleDelay"));
+      if (action != kStartSweep) return;
+      delays.push_back(radar.getReal("SampleDelay"));
+      was_automatic = was_automatic && radar.isAutomatic("SampleDelay");
     };
+  }
+  void TearDown() override {
+    EXPECT_FALSE(radar.unlocked_access);
+    EXPECT_EQ(radar.lock_depth, 0);
   }
 
   int32_t capture(int32_t capacity = 4096) {
@@ -49,6 +55,7 @@ class Frames : public ::testing::Test {
   FakeRadar radar;
   std::vector<uint32_t> frame = std::vector<uint32_t>(4096, 0xdeadbeef);
   std::vector<double> delays;  // the sample delay at each start of a sweep
+  bool was_automatic = true;   // it was so at each of them
 };
 
 TEST_F(Frames, PlainCaptureTakesSevenWritesAndTwoAnswers) {
@@ -76,6 +83,7 @@ TEST_F(Frames, PipelinedCaptureCollectsTheSweepThatTheLastOneStarted) {
     EXPECT_EQ(radar.log, steady);
     EXPECT_EQ(sweepIdle(), 0u);
   }
+  EXPECT_TRUE(was_automatic);
   VariableSet *set = radar.handle.chip->variables;
   ASSERT_EQ(varActionTrigger(set, varActionNamed(set, "EmptyPipeLine")), 0);
   ASSERT_EQ(capture(), 0);
@@ -202,7 +210,6 @@ TEST_F(Frames, FailingStepsEndTheCaptureWhereItStands) {
     EXPECT_DOUBLE_EQ(radar.getReal("SampleDelay"), c.delay_after) << c.what;
     EXPECT_NE(radar.trace().find("from: QTX3701_CaptureFrame in src/chip/QTX3701/QTX3701:"), std::string::npos)
         << radar.trace();
-    EXPECT_EQ(radar.lock_depth, 0);
   }
 }
 

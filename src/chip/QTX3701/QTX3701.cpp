@@ -218,7 +218,6 @@ int32_t CHIP(CaptureFrame)(ChipHandle *chip, uint32_t *frame, int32_t capacity, 
       // The next sweep runs while this one is read out; after the last it is the first one of the next frame.
       const uint64_t next = (sweep + 1) % sweeps;
       if (int32_t code = sweeps > 1 ? window.moveTo(next) : window.putBack()) return passThrough(record, HERE, code);
-      chip->sweep_idle = 0;
       if (int32_t code = startSweep(chip)) return passThrough(record, HERE, code);
     }
     if (int32_t code = CHIP(readCounters)(chip, extent, frame + sweep * extent.samplers)) {
