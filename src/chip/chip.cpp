@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "../support/list.h"
 #include "../support/trace.h"
 
 using namespace pulsekit;
@@ -89,18 +90,8 @@ int32_t chipListSupportedChips(char *buffer, int32_t size) {
   if (!buffer) return kError;
   if (size <= 0) return kBufferTooSmall;
   buffer[0] = '\0';
-  int64_t needed = 1;
   for (const Model &model : kModels) {
-    if (buffer[0] != '\0') {
-      if (++needed > size) return kBufferTooSmall;
-      std::strcat(buffer, ",");
-    }
-    needed += static_cast<int64_t>(std::strlen(model.name) + std::strlen(model.driver_name()) + 3);
-    if (size < needed) return kBufferTooSmall;
-    std::strcat(buffer, model.name);
-    std::strcat(buffer, " (");
-    std::strcat(buffer, model.driver_name());
-    std::strcat(buffer, ")");
+    if (int32_t code = appendDriver(buffer, size, model.name, model.driver_name())) return code;
   }
   return kSuccess;
 }
