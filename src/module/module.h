@@ -29,6 +29,8 @@ struct ModuleHandle {
   int32_t (*ReadFlashMemory)(ModuleHandle *module, uint32_t address, uint8_t *buffer, int32_t length);
   int32_t (*WriteFlashMemory)(ModuleHandle *module, uint32_t address, const uint8_t *buffer, uint32_t length);
   QTX_StackTrace *error_state;
+  /* Private from here on. */
+  int32_t owns_error_state; /* 1 when there was no record to share */
 };
 
 QTX_API int32_t moduleListSupportedModules(char *buffer, int32_t size);
@@ -38,7 +40,9 @@ QTX_API int32_t moduleInitHandle(ModuleHandle **out, QTX_StackTrace **error_stat
 QTX_API int32_t moduleInitModule(ModuleHandle *module);
 /* Frees the handle and clears the slot; frees the record too when one is given. */
 QTX_API int32_t moduleFree(ModuleHandle **module, QTX_StackTrace **error_state_or_null);
-/* Writes the connected board's name (room for 64 characters), or "Unknown". *out is null afterwards. */
+/* Powers the connected board up as one board after the other until one finds its own name in the flash. Writes that
+   name (room for 64 characters), or "Unknown". The code for an unknown board is that of the last attempt. *out, the
+   owner's module slot (the pins follow the driver that it holds), is null afterwards. */
 QTX_API int32_t moduleGetConnectedModuleName(ModuleHandle **out, QTX_StackTrace **error_state, QTX_Handle *owner,
                                              char *name);
 QTX_API int32_t moduleListVariables(ModuleHandle *module, char *buffer, int32_t size);

@@ -3,7 +3,10 @@
  * pages have 256, erase blocks 4096. The caller holds the interface's lock for the whole operation.
  *
  * A write cycle that times out or that the flash reports as failed leaves 641 (programming) or 642 (erasing) in the
- * interface's error record; the returned code is that of the closing write-disable transfer.
+ * interface's error record; the returned code is that of the closing write-disable transfer. A failing transfer ends
+ * the operation with its code.
+ *
+ * Code 1: no buffer, or an address beyond 24 bits. Code 2: a negative length, or more than 65536 bytes at once.
  */
 #ifndef PULSEKIT3_SERIALFLASH_H
 #define PULSEKIT3_SERIALFLASH_H
@@ -19,7 +22,7 @@ extern "C" {
 
 QTX_API int32_t sflashEraseChip(InterfaceHandle *bridge, uint32_t channel);
 QTX_API void sFlashErase4kBlock(InterfaceHandle *bridge, uint32_t channel, uint32_t address);
-/* One page of at most 256 bytes (else 2). */
+/* One page of at most 256 bytes (else 2); behind the end of a page the flash goes on at the page's start. */
 QTX_API int32_t sflashWritePage(InterfaceHandle *bridge, uint32_t channel, uint32_t address, const uint8_t *data,
                                 uint32_t length);
 QTX_API int32_t sflashReadBuffer(InterfaceHandle *bridge, uint32_t channel, uint32_t address, uint8_t *dest,
@@ -34,7 +37,8 @@ QTX_API int32_t sflashProgramOtpRegister(InterfaceHandle *bridge, uint32_t chann
                                          uint32_t length);
 QTX_API int32_t sflashReadOtpRegister(InterfaceHandle *bridge, uint32_t channel, uint32_t offset, uint8_t *dest,
                                       int32_t length);
-/* Board name and board ID from the OTP register; size at least 32, else 2. */
+/* Board name and board ID from the OTP register, 31 and 32 bytes, padding at the end cleared; size at least 32, else 2.
+   A terminator behind a text of full length is the caller's. */
 QTX_API int32_t sflashGetBoardName(InterfaceHandle *bridge, uint32_t channel, char *dest, int32_t size);
 QTX_API int32_t sflashGetBoardID(InterfaceHandle *bridge, uint32_t channel, char *dest, int32_t size);
 /* Destroys the content of the flash. Code 640 when what was written does not come back. */
