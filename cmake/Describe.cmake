@@ -8,7 +8,7 @@ file(GLOB generator_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/generator/*.
 file(GLOB description_files CONFIGURE_DEPENDS ${PULSEKIT_DESCRIPTIONS}/*.toml)
 
 # pulsekit_describe(<variable> <model> <description>)
-# Puts the sources that are generated for the model into the variable.
+# Puts the sources that are generated for the model into the variable. A relative description is one of descriptions/.
 function(pulsekit_describe variable model description)
   set(directory ${PULSEKIT_GENERATED}/${model})
   set(sources
@@ -16,7 +16,7 @@ function(pulsekit_describe variable model description)
       ${directory}/${model}-symbols-autogen.cpp
       ${directory}/${model}-vars-autogen.cpp
       ${directory}/${model}-registers-autogen.cpp)
-  set(toml ${PULSEKIT_DESCRIPTIONS}/${description})
+  cmake_path(ABSOLUTE_PATH description BASE_DIRECTORY ${PULSEKIT_DESCRIPTIONS} OUTPUT_VARIABLE toml)
   add_custom_command(
     OUTPUT ${sources}
     COMMAND Python3::Interpreter -B ${describe} sources ${toml} --model ${model} --out ${directory}
