@@ -2,8 +2,18 @@
 #include "Pulsekit3Simulator.h"
 
 #include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "Bench.h"
+#include "ChipTruth.h"
+#include "Scene.h"
 
 using namespace pulsekit::simulator;
 
@@ -31,6 +41,21 @@ bool fits(const void *bytes, uint32_t offset, uint32_t count, uint32_t size) {
 }
 
 bool isPin(int32_t pin) { return pin >= 0 && pin < 16; }
+
+int32_t setScene(int32_t device, Scene scene) {
+  if (sceneFault(scene)) return kRefused;
+  return on(device, chipOf, [&](RadarChip &chip) {
+    chip.setScene(std::make_shared<Scene>(std::move(scene)));
+    return kDone;
+  });
+}
+
+template <size_t n>
+int32_t copyElement(const std::array<double, n> &elements, uint32_t element, double *seconds) {
+  if (!seconds || element >= n) return kRefused;
+  *seconds = elements[element];
+  return kDone;
+}
 
 int32_t schedule(Countdown &fault, uint32_t nth, uint32_t times) {
   if (nth == 0 || times == 0) return kRefused;
@@ -265,6 +290,79 @@ int32_t QTXSim_SetChipRegister(int32_t device, uint8_t address, uint64_t value) 
 int32_t QTXSim_SetChipId(int32_t device, uint16_t id) {
   return on(device, chipOf, [&](RadarChip &chip) {
     chip.setChipId(id);
+    return kDone;
+  });
+}
+
+// ---- Scene and truth -----------------------------------------------------------------------------------------------
+
+int32_t QTXSim_SetScene(int32_t device, const QTXSim_Reflector *reflectors, uint32_t count, double direct_coupling,
+                        double noise) {
+  if (!reflectors && count > 0) return kRefused;
+  Scene scene;
+  scene.directCoupling = direct_coupling;
+  scene.noise = noise;
+  for (uint32_t i = 0; i < count; ++i) {
+    const QTXSim_Reflector &from = reflectors[i];
+    if (from.motion < QTXSIM_STILL || from.motion > QTXSIM_BREATHING) return kRefused;
+    scene.reflectors.push_back({.range = from.range,
+                                .strength = from.strength,
+                                .motion = static_cast<Reflector::Motion>(from.motion),
+                                .speed = from.speed,
+                                .amplitude = from.amplitude,
+                                .rate = from.rate});
+  }
+  return setScene(device, std::move(scene));
+}
+
+int32_t QTXSim_LoadScene(int32_t device, const char *path, char *error, uint32_t size) {
+  if (!path) return kRefused;
+  std::string message;
+  std::optional<Scene> scene = readScene(path, message);
+  if (scene && setScene(device, std::move(*scene)) == kDone) return kDone;
+  if (scene) message = "there is no such radar";
+  if (error && size > 0) std::snprintf(error, size, "%s", message.c_str());
+  return kRefused;
+}
+
+int32_t QTXSim_TrueDelayElement(int32_t device, int32_t grain, uint32_t element, double *seconds) {
+  return on(device, chipOf, [&](RadarChip &chip) {
+    const DelayChain &chain = chip.truth().sampler;
+    if (grain == QTXSIM_COARSE) return copyElement(chain.coarse, element, seconds);
+    if (grain == QTXSIM_MEDIUM) return copyElement(chain.medium, element, seconds);
+    return grain == QTXSIM_FINE ? copyElement(chain.fine, element, seconds) : kRefused;
+  });
+}
+
+int32_t QTXSim_TrueSamplesPerSecond(int32_t device, double *rate) {
+  return on(device, chipOf, [&](RadarChip &chip) {
+    if (!rate) return kRefused;
+    *rate = chip.truth().samplesPerSecond;
+    return kDone;
+  });
+}
+
+int32_t QTXSim_TrueWindowStart(int32_t device, double *seconds) {
+  return on(device, chipOf, [&](RadarChip &chip) {
+    if (!seconds) return kRefused;
+    *seconds = chip.windowStart();
+    return kDone;
+  });
+}
+
+int32_t QTXSim_TrueLevels(int32_t device, double *levels, uint32_t count) {
+  return on(device, chipOf, [&](RadarChip &chip) {
+    const std::vector<double> all = chip.levels();
+    if (!levels || count > all.size()) return kRefused;
+    std::copy_n(all.begin(), count, levels);
+    return kDone;
+  });
+}
+
+int32_t QTXSim_SetReferenceClock(int32_t device, double hertz) {
+  if (!std::isfinite(hertz) || hertz < 0) return kRefused;
+  return on(device, chipOf, [&](RadarChip &chip) {
+    chip.setReferenceClock(hertz);
     return kDone;
   });
 }

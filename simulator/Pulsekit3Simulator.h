@@ -150,6 +150,54 @@ QTXSIM_API int32_t QTXSim_ChipRegister(int32_t device, uint8_t address, uint64_t
 QTXSIM_API int32_t QTXSim_SetChipRegister(int32_t device, uint8_t address, uint64_t value);
 QTXSIM_API int32_t QTXSim_SetChipId(int32_t device, uint16_t id);
 
+/* ---- Scene ------------------------------------------------------------------------------------------------------ */
+
+enum { QTXSIM_STILL = 0, QTXSIM_SPEED = 1, QTXSIM_BREATHING = 2 };
+
+typedef struct QTXSim_Reflector {
+  double range;     /* metres, when the scene is set */
+  double strength;  /* amplitude of the echo at one metre, in codes of the threshold DAC; it falls with the range squared */
+  int32_t motion;   /* QTXSIM_STILL, ... */
+  double speed;     /* QTXSIM_SPEED: metres a second, away from the radar */
+  double amplitude; /* QTXSIM_BREATHING: metres either way */
+  double rate;      /* QTXSIM_BREATHING: hertz */
+} QTXSim_Reflector;
+
+/* What the radar looks at from now on, in mid-sweep too. direct_coupling: amplitude of the pulse that leaks from antenna to
+   antenna, at zero range; noise: standard deviation; both in codes of the threshold DAC, whose middle (4096) is the level
+   without any signal. Motions begin anew and follow the bench's clock. */
+QTXSIM_API int32_t QTXSim_SetScene(int32_t device, const QTXSim_Reflector *reflectors, uint32_t count,
+                                   double direct_coupling, double noise);
+
+/* The same from a TOML file:
+     noise = 40.0
+     direct_coupling = 500.0
+     [[reflector]]
+     range = 0.8
+     strength = 200.0
+     motion = "breathing"    # with amplitude and rate; or "speed" with speed; or "still", the default
+     amplitude = 0.004
+     rate = 0.25
+   On failure the scene stays and `error`, unless null, gets what is wrong, cut to `size` with its terminator. */
+QTXSIM_API int32_t QTXSim_LoadScene(int32_t device, const char *path, char *error, uint32_t size);
+
+/* ---- What a chip really is -------------------------------------------------------------------------------------- */
+
+/* Every specimen is a little off in its own way, which follows from the serial number. */
+enum { QTXSIM_COARSE = 0, QTXSIM_MEDIUM = 1, QTXSIM_FINE = 2 };
+
+/* The delay in seconds of one element of the sampler chain: 0 to 62 coarse and medium, 0 to 63 fine. */
+QTXSIM_API int32_t QTXSim_TrueDelayElement(int32_t device, int32_t grain, uint32_t element, double *seconds);
+QTXSIM_API int32_t QTXSim_TrueSamplesPerSecond(int32_t device, double *rate);
+
+/* With the registers as they stand: when the first sampler looks, in seconds after the pulse, and the mean level at each
+   of the first `count` samplers in codes of the threshold DAC. */
+QTXSIM_API int32_t QTXSim_TrueWindowStart(int32_t device, double *seconds);
+QTXSIM_API int32_t QTXSim_TrueLevels(int32_t device, double *levels, uint32_t count);
+
+/* The clock that the board feeds the chip, in hertz: 100000000 unless set; 0 stops it. */
+QTXSIM_API int32_t QTXSim_SetReferenceClock(int32_t device, double hertz);
+
 /* ---- Statistics ------------------------------------------------------------------------------------------------- */
 
 typedef struct QTXSim_Statistics {

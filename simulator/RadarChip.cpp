@@ -121,6 +121,8 @@ class SimulatedChip final : public RadarChip {
 
   double windowStart() const override { return clocks().windowStart(); }
 
+  std::vector<double> levels() const override { return samplers_.levels(clocks()); }
+
  private:
   enum class Transaction { none, readRegister, writeRegister, readMemory };
 

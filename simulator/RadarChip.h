@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "Clock.h"
 #include "SpiDevice.h"
@@ -31,9 +32,11 @@ class RadarChip : public SpiDevice {
   virtual void stickBits(uint8_t address, uint64_t mask, uint64_t value) = 0;
   virtual void setChipId(uint16_t id) = 0;
 
-  // For tests: what this specimen really is, and when after the pulse its first sampler looks (seconds).
+  // For tests: what this specimen really is, and, with the registers as they stand, when after the pulse its first
+  // sampler looks (seconds) and what mean level every sampler sees (threshold-DAC codes).
   virtual const ChipTruth &truth() const = 0;
   virtual double windowStart() const = 0;
+  virtual std::vector<double> levels() const = 0;
 };
 
 // "QTX3400", "QTX3500", "QTX3701" or "QTX3702"; null for any other model. seed makes the spread of its delay elements.

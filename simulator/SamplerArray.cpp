@@ -5,6 +5,18 @@
 
 namespace pulsekit::simulator {
 
+namespace {
+
+Pulse pulseSelected(const ChipClocks &clocks) {
+  return pulseOf(static_cast<unsigned>(clocks.registers.field(0x50, 3, 0, clocks.now)));
+}
+
+SamplingWindow samplingWindow(const ChipClocks &clocks) {
+  return {clocks.windowStart(), 1 / clocks.truth.samplesPerSecond};
+}
+
+}  // namespace
+
 void SamplerArray::reset() {
   sweep_.reset();
   std::fill(counters_.begin(), counters_.end(), 0);
@@ -19,8 +31,8 @@ void SamplerArray::setScene(std::shared_ptr<const Scene> scene, uint64_t now) {
 uint64_t SamplerArray::startSweep(const ChipClocks &clocks) {
   countUpTo(clocks.now);
   sweep_.emplace(readSweepSettings(clocks), clocks.now);
-  pulse_ = pulseOf(static_cast<unsigned>(clocks.registers.field(0x50, 3, 0, clocks.now)));
-  window_ = {clocks.windowStart(), 1 / clocks.truth.samplesPerSecond};
+  pulse_ = pulseSelected(clocks);
+  window_ = samplingWindow(clocks);
   return sweep_->end();
 }
 
@@ -41,13 +53,22 @@ void SamplerArray::countUpTo(uint64_t now) {
   const std::vector<SweepPart> parts = sweep_->advance(now, middle);
   if (parts.empty()) return;
 
-  const double seconds = static_cast<double>(middle - std::min(middle, sceneSince_)) * 1e-9;
-  scene_->receive(pulse_, window_, seconds, levels_);
+  scene_->receive(pulse_, window_, sceneSeconds(middle), levels_);
   for (size_t k = 0; k < counters_.size(); ++k)
     for (const SweepPart &part : parts) {
       const double hits = drawHits(sweep_->settings(), part, levels_[k], scene_->noise, random_);
       counters_[k] += static_cast<uint32_t>(static_cast<uint64_t>(hits));  // wraps as 32 flip-flops do
     }
+}
+
+double SamplerArray::sceneSeconds(uint64_t time) const {
+  return static_cast<double>(time - std::min(time, sceneSince_)) * 1e-9;
+}
+
+std::vector<double> SamplerArray::levels(const ChipClocks &clocks) const {
+  std::vector<double> levels(counters_.size());
+  scene_->receive(pulseSelected(clocks), samplingWindow(clocks), sceneSeconds(clocks.now), levels);
+  return levels;
 }
 
 // Of every group of samplers the first; of every counter the bits from CounterLSb to CounterMSb, in whole bytes.

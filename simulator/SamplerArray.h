@@ -26,11 +26,15 @@ class SamplerArray {
   void stopSweep(uint64_t now);
   void clear(uint64_t now);  // the counters; a sweep goes on
 
+  // The mean level at every sampler now.
+  std::vector<double> levels(const ChipClocks &clocks) const;
+
   // The counters as sampler memory shows them.
   std::vector<uint8_t> image(const RegisterFile &registers, uint64_t now);
 
  private:
   void countUpTo(uint64_t now);
+  double sceneSeconds(uint64_t time) const;
 
   Random &random_;
   std::shared_ptr<const Scene> scene_;
