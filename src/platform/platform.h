@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <string>
 
 struct QTX_Handle;
 
@@ -52,6 +53,24 @@ class SharedLibrary {
 
 // The local time as the standard ctime text, "Fri May 17 09:04:31 2013\n"; at least 26 characters.
 void localTimeText(std::time_t time, char *buffer);
+
+// A text file that is written as a whole. What stands at the path stays there until commit() has succeeded: the new text
+// goes to a file beside it that then takes its place and its mode. A device, a pipe, the target of a link, or a file in
+// a folder that takes no new file is written in place.
+class FileReplacement {
+ public:
+  explicit FileReplacement(const char *path);
+  ~FileReplacement();  // without a commit everything stays as it was
+  FileReplacement(const FileReplacement &) = delete;
+  FileReplacement &operator=(const FileReplacement &) = delete;
+  FILE *stream() const { return stream_; }  // null when the path can't be written
+  bool commit();
+
+ private:
+  std::string path_;
+  std::string beside_;  // empty when written in place
+  FILE *stream_ = nullptr;
+};
 
 }  // namespace pulsekit::platform
 
