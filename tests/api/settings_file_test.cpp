@@ -209,12 +209,43 @@ TEST_F(SettingsFile, PathsThatCannotBeOpenedAreCode6) {
   }
 }
 
+// A user whom permissions bind: the superuser may write everywhere.
+class OrdinaryUser {
+ public:
+  OrdinaryUser() {
+    if (before_ == 0) EXPECT_EQ(seteuid(65534), 0);
+  }
+  ~OrdinaryUser() {
+    if (before_ == 0) EXPECT_EQ(seteuid(before_), 0);
+  }
+
+ private:
+  const uid_t before_ = geteuid();
+};
+
 TEST_F(SettingsFile, AFileThatMayNotBeWrittenStaysAsItWas) {
-  if (geteuid() == 0) GTEST_SKIP() << "nothing is unwritable for this user";
   write(path, "old");
+  chmod(folder.file("").c_str(), 0777);
   chmod(path.c_str(), 0444);
-  EXPECT_EQ(QTX_VarsSaveToFile(handle, path.c_str()), 6);
+  {
+    const OrdinaryUser user;
+    EXPECT_EQ(QTX_VarsSaveToFile(handle, path.c_str()), 6);
+  }
   EXPECT_EQ(contents(path), "old");
+  EXPECT_EQ(folder.fileCount(), 1u);
+}
+
+TEST_F(SettingsFile, AFolderThatTakesNoNewFileStillTakesTheText) {
+  write(path, "old");
+  chmod(path.c_str(), 0666);
+  chmod(folder.file("").c_str(), 0555);
+  {
+    const OrdinaryUser user;
+    EXPECT_EQ(QTX_VarsSaveToFile(handle, path.c_str()), 0);
+    EXPECT_EQ(QTX_VarsSaveToFile(handle, folder.file("new").c_str()), 6);
+  }
+  chmod(folder.file("").c_str(), 0755);
+  EXPECT_NE(contents(path).find("Count=40\n"), std::string::npos);
 }
 
 TEST_F(SettingsFile, AFullDiskKeepsTheOldFile) {

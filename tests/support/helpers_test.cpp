@@ -1,6 +1,7 @@
 // Connection strings, name lookup's building blocks and texts in host buffers.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 
 #include "support/Pulsekit3_helpers.h"
