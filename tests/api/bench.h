@@ -1,0 +1,83 @@
+// A simulated bench behind the library, empty at first.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Pulsekit3Simulator.h"
+#include "fakes.h"
+
+namespace pulsekit::test {
+
+class Bench : public testing::Test {
+ protected:
+  Bench() {
+    QTXSim_Reset();
+    QTXSim_SetRecording(0);
+    FTx232H_SetD2XX(QTXSim_D2XX());
+  }
+  ~Bench() override { FTx232H_SetD2XX(nullptr); }
+
+  static int32_t addRadar(const char *serial = "FT0001AB", const char *board = "QTX-K245",
+                          const char *chip = "QTX3701") {
+    return QTXSim_AddRadar(serial, "Radar", QTXSIM_FT232H, board, chip);
+  }
+
+  static std::string device(const std::string &serial = "FT0001AB") { return "FTx232H!Serial No: (" + serial + ")"; }
+
+  static std::string connection(const std::string &module = "QTX-K245", const std::string &chip = "QTX3701") {
+    return device() + "!" + module + "!" + chip;
+  }
+};
+
+// Closes its radar before the handle goes.
+class Radar : public Library {
+ public:
+  Radar() = default;
+  ~Radar() { QTX_CloseRadar(get()); }
+};
+
+inline std::vector<std::string> split(const std::string &text) {
+  std::vector<std::string> names;
+  std::stringstream stream(text);
+  for (std::string name; std::getline(stream, name, ',');) {
+    if (!name.empty()) names.push_back(name);
+  }
+  return names;
+}
+
+inline std::vector<std::string> variables(QTX_Handle *handle) {
+  std::vector<char> text(20000);
+  EXPECT_EQ(QTX_ListVariables(handle, text.data(), static_cast<int32_t>(text.size())), 0);
+  return split(text.data());
+}
+
+struct Setting {
+  uint64_t value;
+  bool automatic;
+  bool operator==(const Setting &) const = default;
+};
+
+inline void PrintTo(const Setting &setting, std::ostream *stream) {
+  *stream << setting.value << (setting.automatic ? " automatic" : "");
+}
+
+// Everything that a host may write and that is visible now.
+inline std::map<std::string, Setting> settings(QTX_Handle *handle) {
+  std::map<std::string, Setting> all;
+  for (const std::string &name : variables(handle)) {
+    uint64_t min = 0, max = 0, value = 0;
+    uint32_t writable = 0, automatic = 0;
+    if (QTX_VarGetIntProperties_ByName(handle, name.c_str(), &min, &max, &writable, &automatic) != 0) continue;
+    if (!writable) continue;
+    EXPECT_EQ(QTX_VarGetValue_ByName(handle, name.c_str(), &value), 0) << name;
+    all[name] = {value, automatic != 0};
+  }
+  return all;
+}
+
+}  // namespace pulsekit::test
