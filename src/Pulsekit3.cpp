@@ -4,6 +4,9 @@
 #include <memory>
 #include <new>
 
+#include "chip/chip.h"
+#include "interface/interface.h"
+#include "module/module.h"
 #include "support/QTX_Handle.h"
 #include "support/QTX_StackTrace.h"
 #include "support/trace.h"
@@ -71,6 +74,14 @@ char QTX_ConnectionStringDelimiter1(void) { return '!'; }
 char QTX_ConnectionStringDelimiter2(void) { return '#'; }
 
 char QTX_ListDelimiter(void) { return ','; }
+
+int32_t QTX_ListSupportedChips(char *buffer, int32_t size) { return chipListSupportedChips(buffer, size); }
+
+int32_t QTX_ListSupportedModules(char *buffer, int32_t size) { return moduleListSupportedModules(buffer, size); }
+
+int32_t QTX_ListSupportedInterfaces(char *buffer, int32_t size) {
+  return interfaceListSupportedInterfaces(buffer, size);
+}
 
 int32_t QTX_VarTypeIsFloat(uint16_t type) { return (type & VAR_FLAG_FLOAT) != 0; }
 
