@@ -19,7 +19,7 @@ TEST(Identity, TextsNeedTheRoomThatTheyState) {
       {"QTX_Name", QTX_Name, 10, "Pulsekit3"},
       {"QTX_ListSupportedChips", QTX_ListSupportedChips, 72,
        "QTX3400 (QTX3400),QTX3500 (QTX3500),QTX3701 (QTX3701),QTX3702 (QTX3702)"},
-      {"QTX_ListSupportedModules", QTX_ListSupportedModules, 157,
+      {"QTX_ListSupportedModules", QTX_ListSupportedModules, 161,
        "QTX-K225 (QTX_K2x5),QTX-K225E (QTX_K2x5),QTX-K235 (QTX_K2x5),QTX-K235E (QTX_K2x5),QTX-K245 (QTX_K2x5),"
        "QTX-K245E (QTX_K2x5),QTX-K265 (QTX_K265),DEFAULT (DEFAULT)"},
       {"QTX_ListSupportedInterfaces", QTX_ListSupportedInterfaces, 18, "FTx232H (FTx232H)"},
