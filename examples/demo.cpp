@@ -68,17 +68,22 @@ std::vector<size_t> peaks(const Frame &amplitude, double samplers_apart) {
   return found;
 }
 
-// The strongest rhythm of one sampler's level over the frames, in hertz.
-double rhythm(const std::vector<Frame> &frames, size_t sampler, double mean) {
+// The strongest rhythm of the levels around one sampler over the frames, in hertz.
+double rhythm(const std::vector<Frame> &frames, const Frame &mean, size_t sampler) {
+  const size_t first = sampler - std::min<size_t>(sampler, 12), last = std::min(sampler + 12, mean.size() - 1);
   double best = 0, best_rate = 0;
   for (double rate = 0.1; rate < 1; rate += 0.01) {
-    std::complex<double> sum = 0;
-    for (size_t i = 0; i < frames.size(); ++i) {
-      const double time = static_cast<double>(i) / kFramesPerSecond;
-      sum += (frames[i][sampler] - mean) * std::polar(1.0, -2 * std::numbers::pi * rate * time);
+    double power = 0;
+    for (size_t k = first; k <= last; ++k) {
+      std::complex<double> sum = 0;
+      for (size_t i = 0; i < frames.size(); ++i) {
+        const double time = static_cast<double>(i) / kFramesPerSecond;
+        sum += (frames[i][k] - mean[k]) * std::polar(1.0, -2 * std::numbers::pi * rate * time);
+      }
+      power += std::norm(sum);
     }
-    if (std::abs(sum) > best) {
-      best = std::abs(sum);
+    if (power > best) {
+      best = power;
       best_rate = rate;
     }
   }
@@ -130,6 +135,9 @@ int main(int count, char **arguments) {
 
   std::vector<Frame> frames(kFrames, Frame(samplers));
   Frame mean(samplers), motion(samplers);
+  // The first stitched frame leaves the delay chains where the calibration wants them.
+  check(radar, QTX_GetFrameNormalized(radar, mean.data(), static_cast<int64_t>(samplers)));
+  std::fill(mean.begin(), mean.end(), 0.0);
   QTXSim_ResetStatistics();
   for (int i = 0; i < kFrames; ++i) {
     Frame &frame = frames[static_cast<size_t>(i)];
@@ -159,7 +167,7 @@ int main(int count, char **arguments) {
     if (!moves) std::printf("  %.2f m  something still\n", range(k));
   }
   for (const size_t k : moving_peaks) {
-    std::printf("  %.2f m  something that moves %.2f times a second\n", range(k), rhythm(frames, k, mean[k]));
+    std::printf("  %.2f m  something that moves %.2f times a second\n", range(k), rhythm(frames, mean, k));
   }
 
   check(radar, QTX_FrameLoggingStart(radar, log, 0x11, 0));
