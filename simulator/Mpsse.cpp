@@ -23,8 +23,12 @@ enum Command : uint8_t {
   kWaitLow = 0x89,
   kFastBase = 0x8A,
   kSlowBase = 0x8B,
+  kThreePhaseOn = 0x8C,
+  kThreePhaseOff = 0x8D,
   kClockBits = 0x8E,
   kClockBytes = 0x8F,
+  kAdaptiveOn = 0x96,
+  kAdaptiveOff = 0x97,
 };
 
 constexpr uint8_t kBadCommand = 0xFA;
@@ -64,6 +68,7 @@ Mpsse::Mpsse(Clock &clock, Pins &pins, AnswerSink &sink, Recorder &recorder, int
 void Mpsse::reset() {
   state_ = State::Opcode;
   slowBase_ = true;
+  threePhase_ = false;
   divisor_ = 0;
   pins_.setLoopback(false);
 }
@@ -134,6 +139,13 @@ void Mpsse::execute() {
       return clockChanged();
     case kSendImmediate:
       return sink_.flush();
+    case kThreePhaseOn:
+    case kThreePhaseOff:
+      threePhase_ = opcode_ == kThreePhaseOn;
+      return;
+    case kAdaptiveOn:
+    case kAdaptiveOff:
+      return;  // nothing returns a clock here
     case kWaitHigh:
     case kWaitLow:
       state_ = State::WaitForPin;
@@ -144,7 +156,9 @@ void Mpsse::execute() {
       return spend((argument16() + uint64_t{1}) * 8);
     default:
       record(QTXSIM_EVENT_ODD, opcode_, "BadCommand");
-      return answer(kBadCommand, opcode_);
+      answer_ = {kBadCommand, opcode_};
+      answerSize_ = 2;
+      state_ = State::Answer;
   }
 }
 
@@ -194,15 +208,9 @@ bool Mpsse::moveBytes(Input &input) {
   return true;
 }
 
-void Mpsse::answer(uint8_t first) {
-  answer_[0] = first;
+void Mpsse::answer(uint8_t byte) {
+  answer_[0] = byte;
   answerSize_ = 1;
-  state_ = State::Answer;
-}
-
-void Mpsse::answer(uint8_t first, uint8_t second) {
-  answer_ = {first, second};
-  answerSize_ = 2;
   state_ = State::Answer;
 }
 
@@ -232,7 +240,9 @@ void Mpsse::setLoopback(bool on) {
   record(QTXSIM_EVENT_ODD, on, "Loopback");
 }
 
-void Mpsse::clockChanged() { record(QTXSIM_EVENT_CLOCK, static_cast<uint32_t>(3'000'000'000u / thirdsPerBit()), ""); }
+void Mpsse::clockChanged() {
+  record(QTXSIM_EVENT_CLOCK, static_cast<uint32_t>(3'000'000'000u / thirdsPerPeriod()), "");
+}
 
 void Mpsse::record(uint32_t kind, uint32_t value, const char *text) {
   if (!recorder_.wants(kind)) return;

@@ -54,8 +54,7 @@ class Mpsse {
   void executeShift();
   void shiftBits();
   void setPins(int bank);
-  void answer(uint8_t first);
-  void answer(uint8_t first, uint8_t second);
+  void answer(uint8_t byte);
   void setLoopback(bool on);
   void clockChanged();
   void record(uint32_t kind, uint32_t value, const char *text);
@@ -65,8 +64,9 @@ class Mpsse {
   bool leastFirst() const { return (opcode_ & 0x08) != 0; }
   bool risingEdge() const { return (opcode_ & 0x01) == 0; }
   uint32_t argument16() const { return arguments_[0] | static_cast<uint32_t>(arguments_[1]) << 8; }
-  // SPI bits take periods of whole thirds of a nanosecond.
-  uint64_t thirdsPerBit() const { return (uint64_t{divisor_} + 1) * 2 * (slowBase_ ? 250 : 50); }
+  // A clock period is a whole number of thirds of a nanosecond.
+  uint64_t thirdsPerPeriod() const { return (uint64_t{divisor_} + 1) * 2 * (slowBase_ ? 250 : 50); }
+  uint64_t thirdsPerBit() const { return threePhase_ ? thirdsPerPeriod() * 3 / 2 : thirdsPerPeriod(); }
   void spend(uint64_t bits);
 
   Clock &clock_;
@@ -84,6 +84,7 @@ class Mpsse {
   size_t answerSize_ = 0;
 
   bool slowBase_ = true;
+  bool threePhase_ = false;
   uint32_t divisor_ = 0;
   uint64_t thirds_ = 0;
   uint64_t spiNanoseconds_ = 0;
