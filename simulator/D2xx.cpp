@@ -368,9 +368,9 @@ FT_STATUS createDeviceInfoList(uint32_t *count) {
 
 FT_STATUS getDeviceInfoList(FT_Node *target, uint32_t *count) {
   return globalCall(Function::GetDeviceInfoList, "GetDeviceInfoList", [&]() -> FT_STATUS {
-    if (!target || !count) return FT_INVALID_PARAMETER;
     if (!bench().nodesBuilt) return FT_DEVICE_LIST_NOT_READY;
     const std::vector<FT_Node> &nodes = bench().nodes;
+    if (!count || (!target && !nodes.empty())) return FT_INVALID_PARAMETER;
     std::copy(nodes.begin(), nodes.end(), target);
     *count = static_cast<uint32_t>(nodes.size());
     return FT_OK;
