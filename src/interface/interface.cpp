@@ -7,6 +7,7 @@
 
 #include "../platform/platform.h"
 #include "../support/QTX_Handle.h"
+#include "../support/list.h"
 #include "../support/trace.h"
 #include "FTx232H/FTx232H.h"
 
@@ -122,18 +123,8 @@ int32_t interfaceListSupportedInterfaces(char *out, int32_t size) {
   if (!out) return kError;
   if (size <= 0) return kBufferTooSmall;
   out[0] = '\0';
-  size_t length = 1;
   for (const Driver *driver = kDrivers; !isLast(*driver); ++driver) {
-    if (out[0] != '\0') {
-      if (++length > static_cast<size_t>(size)) return kBufferTooSmall;
-      std::strcat(out, ",");
-    }
-    length += std::strlen(driver->name) + std::strlen(driver->displayName()) + 3;
-    if (length > static_cast<size_t>(size)) return kBufferTooSmall;
-    std::strcat(out, driver->name);
-    std::strcat(out, " (");
-    std::strcat(out, driver->displayName());
-    std::strcat(out, ")");
+    if (int32_t code = appendDriver(out, size, driver->name, driver->displayName())) return code;
   }
   return kSuccess;
 }
