@@ -1,9 +1,16 @@
 // The simulated time that everything on a bench shares.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 
 namespace pulsekit::simulator {
+
+// Rounded up; what would outlast the clock is 30 years.
+inline uint64_t nanosecondsOf(double seconds) {
+  return static_cast<uint64_t>(std::ceil(std::clamp(seconds, 0.0, 1e9) * 1e9));
+}
 
 class Clock {
  public:

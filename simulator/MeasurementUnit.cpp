@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "Clock.h"
+
 namespace pulsekit::simulator {
 
 namespace {
@@ -25,11 +27,10 @@ constexpr uint64_t kDelayBusy = 1 << 0;
 
 constexpr uint64_t k32Bits = 0xFFFFFFFF;
 constexpr uint64_t k40Bits = 0xFFFFFFFFFF;
+constexpr double kCountLimit = 0x1p63;
 
 constexpr double kSamplerLineIntervals = 257;
 constexpr unsigned kTunerSteps = 9;  // one for each bit of the configuration
-
-uint64_t nanoseconds(double seconds) { return static_cast<uint64_t>(std::ceil(seconds * 1e9)); }
 
 unsigned nearestConfiguration(const ChipClocks &clocks, double frequency) {
   const double divider = clocks.registers.field(0x58, 19, 19, clocks.now) ? 2 : 1;
@@ -44,7 +45,9 @@ unsigned nearestConfiguration(const ChipClocks &clocks, double frequency) {
 }  // namespace
 
 // Clocks that know nothing of each other: the fraction is a matter of where in the cycle the count began.
-uint64_t MeasurementUnit::count(double expected) { return static_cast<uint64_t>(expected + random_.uniform()); }
+uint64_t MeasurementUnit::count(double expected) {
+  return static_cast<uint64_t>((expected < kCountLimit ? expected : kCountLimit) + random_.uniform());
+}
 
 void MeasurementUnit::clearFrequency(uint64_t now) {
   registers_.set(kFrequencyResult, k32Bits, 0, now);
@@ -64,7 +67,7 @@ void MeasurementUnit::start(const ChipClocks &clocks) {
 void MeasurementUnit::measureFrequency(double frequency, uint64_t delay, const ChipClocks &clocks) {
   if (frequency <= 0 || clocks.reference <= 0) return;
   const double seconds = static_cast<double>(registers_.value(kFrequencyCycles, clocks.now)) / clocks.reference;
-  const uint64_t due = clocks.now + delay + nanoseconds(seconds);
+  const uint64_t due = clocks.now + delay + nanosecondsOf(seconds);
   registers_.set(kFrequencyStatus, kFrequencyBusy, kFrequencyBusy, clocks.now);
   registers_.setLater(kFrequencyStatus, kFrequencyBusy, 0, due, clocks.now);
   registers_.setLater(kFrequencyResult, k32Bits, count(frequency * seconds), due, clocks.now);
@@ -82,11 +85,11 @@ void MeasurementUnit::calibrateOscillator(const ChipClocks &clocks) {
     const double target = static_cast<double>(registers_.value(kOscillatorTarget, clocks.now));
     const uint64_t configuration = nearestConfiguration(clocks, target * clocks.reference / cycles);
     const double waits = static_cast<double>(registers_.field(0x58, 35, 20, clocks.now));
-    tuning = nanoseconds(kTunerSteps * (waits + cycles) / clocks.reference);
+    tuning = nanosecondsOf(kTunerSteps * (waits + cycles) / clocks.reference);
     registers_.set(kFrequencyStatus, kTunerResult, configuration << 2, clocks.now);
   }
   measureFrequency(clocks.oscillator(), tuning, clocks);
-  const uint64_t due = clocks.now + tuning + nanoseconds(cycles / clocks.reference);
+  const uint64_t due = clocks.now + tuning + nanosecondsOf(cycles / clocks.reference);
   registers_.set(kFrequencyStatus, kTunerBusy, kTunerBusy, clocks.now);
   registers_.setLater(kFrequencyStatus, kTunerBusy, 0, due, clocks.now);
 }
@@ -112,7 +115,7 @@ void MeasurementUnit::measureDelays(const ChipClocks &clocks) {
   waitCycles_ = static_cast<double>(registers_.field(0x7c, 9, 3, clocks.now));
   const double cycles = static_cast<double>(registers_.value(0x7e, clocks.now));
   registers_.set(kDelayStatus, kDelayBusy, kDelayBusy, clocks.now);
-  finishDelays(clocks.now + nanoseconds((waitCycles_ + cycles) / masterClock_), cycles, clocks.now);
+  finishDelays(clocks.now + nanosecondsOf((waitCycles_ + cycles) / masterClock_), cycles, clocks.now);
 }
 
 void MeasurementUnit::finishDelays(uint64_t due, double cycles, uint64_t now) {

@@ -14,6 +14,7 @@ constexpr double kReach = 6;       // of a pulse, in widths of its envelope
 
 void addPulse(const Pulse &pulse, const SamplingWindow &window, double delay, double amplitude,
               std::vector<double> &levels) {
+  if (!std::isfinite(delay)) return;
   const double reach = kReach * pulse.width;
   const double count = static_cast<double>(levels.size());
   const double first = std::ceil((delay - reach - window.start) / window.interval);

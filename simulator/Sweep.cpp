@@ -4,6 +4,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "Clock.h"
 #include "Scene.h"
 
 namespace pulsekit::simulator {
@@ -141,7 +142,7 @@ double drawHits(const SweepSettings &settings, const SweepPart &part, double lev
 }
 
 Sweep::Sweep(const SweepSettings &settings, uint64_t start)
-    : settings_(settings), start_(start), end_(start + static_cast<uint64_t>(std::ceil(settings.seconds * 1e9))) {}
+    : settings_(settings), start_(start), end_(start + nanosecondsOf(settings.seconds)) {}
 
 double Sweep::stepsDoneAt(uint64_t now) const {
   const double total = settings_.seconds > 0 ? settings_.iterations * settings_.steps : 0;

@@ -34,7 +34,7 @@ struct ChipBus {
   // Second-generation byte order.
   void write(uint8_t address, uint8_t count, uint64_t value) {
     std::vector<uint8_t> out = {static_cast<uint8_t>(address | 0x80), count};
-    for (int i = 0; i < count; ++i) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+    for (int i = 0; i < count; ++i) out.push_back(i < 8 ? static_cast<uint8_t>(value >> (8 * i)) : uint8_t{0});
     transfer(out, 0);
   }
   uint64_t read(uint8_t address, uint8_t count) {

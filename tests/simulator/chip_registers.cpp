@@ -1,6 +1,9 @@
 // The chip's bus protocol and register file, seen from the bus.
 #include <gtest/gtest.h>
 
+#include <random>
+#include <string>
+
 #include "chip_bus.h"
 
 using namespace pulsekit::simulator;
@@ -107,6 +110,36 @@ TEST(ChipFaults, ReadOnlyRegistersCanBeForced) {
   EXPECT_EQ(bus.read(0x47, 2), 1u);
   bus.chip->setRegisterValue(0x47, 0);
   EXPECT_EQ(bus.read(0x47, 2), 0u);
+}
+
+// Whatever is written and triggered, a status says only what it can say and a frame holds no more hits than pulses.
+TEST(ChipUnderRandomUse, KeepsItsBounds) {
+  for (const char *model : {"QTX3701", "QTX3400"}) {
+    ChipBus bus(model);
+    std::mt19937_64 random(11);
+    for (int i = 0; i < 3000; ++i) {
+      const uint64_t bits = random();
+      const auto address = static_cast<uint8_t>(bits & 0x7F);
+      const auto count = static_cast<uint8_t>(bits >> 8 & 0x0F);
+      if (bits & 0x1000) bus.write(address, count, random() >> (bits >> 16 & 0x3F));
+      if (bits & 0x2000) bus.act(static_cast<uint8_t>(bits >> 24 & 0x7F));
+      bus.clock.advance(bits >> 32 & 0xFFFFFF);
+      bus.transfer({address, count}, 40);
+    }
+    EXPECT_EQ(bus.chip->registerValue(0x00), 0u) << model;
+    EXPECT_EQ(bus.chip->registerValue(0x01), 0xFFu) << model;
+    EXPECT_EQ(bus.chip->registerValue(0x47) & ~uint64_t{0x8001}, 0u) << model;
+
+    bus.chip->setPower(false);
+    bus.chip->setPower(true);
+    EXPECT_EQ(bus.chip->registerValue(0x47), 0u) << model;
+    for (uint8_t action : Bytes{17, 93}) bus.act(action);
+    bus.clock.advance(10'000'000);
+    bus.act(15);
+    const Bytes image = model == std::string("QTX3701") ? bus.memory(1024) : bus.transfer({0x20, 124}, 124);
+    for (size_t k = 0; k < image.size(); k += 4)
+      ASSERT_LE(image[k] + 0x100 * image[k + 1] + 0x10000 * image[k + 2], 204'800) << model << " sampler " << k / 4;
+  }
 }
 
 }  // namespace

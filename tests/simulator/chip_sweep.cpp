@@ -136,11 +136,12 @@ TEST_F(ChipSweep, CountersHaveTheSignalsMeanAndSpread) {
     double noise;
   };
   const Row rows[] = {
-      {10, 20, 0, 8184, 8, 40},    // as it starts up
-      {10, 20, 0, 8184, 8, 3},     // noise within a step
-      {1, 1, 0, 8191, 1, 30},      // few pulses
-      {1, 1, 3900, 4300, 20, 50},  // few steps, drawn one by one
-      {100, 100, 3000, 5000, 100, 40},
+      {10, 20, 0, 8184, 8, 40},                                      // as it starts up
+      {10, 20, 0, 8184, 8, 3},                                       // noise within a step
+      {1, 1, 0, 8191, 1, 30},                                        // few pulses
+      {1, 1, 3900, 4300, 20, 50},                                    // few steps, drawn one by one
+      {100, 100, 3000, 5000, 100, 40}, {10, 20, 4080, 8184, 8, 40},  // half of the noise below the range
+      {10, 20, 0, 4120, 8, 40},                                      // and above it
   };
   for (const Row &row : rows) {
     setSweep(row.iterations, row.pulses, row.least, row.most, row.step);
@@ -150,17 +151,26 @@ TEST_F(ChipSweep, CountersHaveTheSignalsMeanAndSpread) {
       for (double level : levels()) all.push_back(level);
     const double trials = static_cast<double>(row.iterations * row.pulses);
     const double step = static_cast<double>(row.step);
-    double variance = 0;
-    for (double threshold = static_cast<double>(row.least) + step / 2; threshold < static_cast<double>(row.most) + step;
-         threshold += step) {
+    double level = static_cast<double>(row.least), variance = 0;
+    for (uint64_t code = row.least; code <= row.most; code += row.step) {
+      const double threshold = static_cast<double>(code) + step / 2;
       const double chance = 0.5 * std::erfc((threshold - kMidScale) / row.noise / std::numbers::sqrt2);
+      level += chance * step;
       variance += chance * (1 - chance) * step * step / trials;
     }
     const double expected = std::sqrt(variance);
     const double count = static_cast<double>(all.size());
-    EXPECT_NEAR(mean(all), kMidScale, 5 * expected / std::sqrt(count) + 0.02 * step) << "noise " << row.noise;
-    EXPECT_NEAR(deviation(all), expected, 5 * expected / std::sqrt(2 * count) + 0.02 * expected) << row.noise;
+    EXPECT_NEAR(mean(all), level, 5 * expected / std::sqrt(count) + 0.02 * step) << row.least << " noise " << row.noise;
+    EXPECT_NEAR(deviation(all), expected, 5 * expected / std::sqrt(2 * count) + 0.02 * expected)
+        << row.least << " noise " << row.noise;
   }
+}
+
+TEST_F(ChipSweep, NormalizingGivesTheSignalBack) {
+  lookAtNoise(40);
+  EXPECT_NEAR(mean(levels()), kMidScale, 0.5);
+  setSweep(5, 30, 1000, 7000, 13);
+  EXPECT_NEAR(mean(levels()), kMidScale, 0.5);
 }
 
 TEST_F(ChipSweep, LevelsOutsideTheRangeSaturate) {
@@ -173,14 +183,17 @@ TEST_F(ChipSweep, LevelsOutsideTheRangeSaturate) {
 
 TEST_F(ChipSweep, AnOverriddenDacGivesTheDistributionAtItsCode) {
   lookAtNoise(50);
-  setSweep(10, 100, 0, 0, 8);
-  for (double offset : {-400.0, -50.0, 0.0, 30.0, 400.0}) {
-    bus.write(0x51, 2, 1 << 13 | static_cast<uint64_t>(kMidScale + offset));
-    const double chance = 0.5 * std::erfc(offset / 50 / std::numbers::sqrt2);
-    const std::vector<double> counts = sweep();
-    const double spread = std::sqrt(1000 * chance * (1 - chance));
-    EXPECT_NEAR(mean(counts), 1000 * chance, 5 * spread / 16 + 1e-6) << offset;
-    EXPECT_NEAR(deviation(counts), spread, spread * 5 / std::sqrt(512) + 1e-6) << offset;
+  for (uint64_t pulses : {1, 5, 1000}) {
+    setSweep(1, pulses, 0, 0, 8);
+    for (double offset : {-400.0, -50.0, 0.0, 30.0, 400.0}) {
+      bus.write(0x51, 2, 1 << 13 | static_cast<uint64_t>(kMidScale + offset));
+      const double chance = 0.5 * std::erfc(offset / 50 / std::numbers::sqrt2);
+      const double trials = static_cast<double>(pulses);
+      const double spread = std::sqrt(trials * chance * (1 - chance));
+      const std::vector<double> counts = sweep();
+      EXPECT_NEAR(mean(counts), trials * chance, 5 * spread / 16 + 1e-6) << pulses << " at " << offset;
+      EXPECT_NEAR(deviation(counts), spread, spread * 5 / 16 + 1e-6) << pulses << " at " << offset;
+    }
   }
 }
 
@@ -237,6 +250,34 @@ TEST_F(ChipSweep, InterruptedSweepsLeaveWhatTheyCounted) {
   bus.act(kResetCounters);
   waitForSweep();
   EXPECT_NEAR(counters()[0], 50'000, 600) << "hits before the reset count";
+}
+
+TEST_F(ChipSweep, LoadingInMidSweepDoesNotDisturbIt) {
+  lookAtNoise(0);
+  setSweep(3, 10, 0, 8184, 8);
+  bus.act(kResetCounters);
+  bus.act(kStartSweep);
+  double before = 0;
+  while (sweeping()) {
+    bus.clock.advance(31'000);  // several a time within an iteration
+    const double now = counters()[0];
+    EXPECT_GE(now, before);
+    before = now;
+  }
+  EXPECT_EQ(counters()[0], 3 * 10 * 512);
+}
+
+TEST_F(ChipSweep, ASceneThatChangesInMidSweepCountsForItsShare) {
+  lookAtNoise(10);
+  setSweep(100, 10, 0, 8184, 8);
+  bus.act(kResetCounters);
+  bus.act(kStartSweep);
+  bus.clock.advance(100 * 1024 * 110 / 4);
+  Scene scene;
+  scene.directCoupling = 2000;
+  look(scene);
+  waitForSweep();
+  EXPECT_NEAR(counters()[0] * 8 / 1000, kMidScale + 0.75 * 2000, 5);
 }
 
 // An upward iteration meets the low thresholds first, a downward one the high ones.
