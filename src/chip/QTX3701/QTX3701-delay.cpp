@@ -69,10 +69,9 @@ Taken takeMedium(VariableSet *set, float delay) {
   return walk(rest, record->medium_step, maximum, fine_chain_takes_the_rest ? 1.0f : 0.5f);
 }
 
-float sum(std::span<const float, kDelayElements> steps, uint64_t count) {
-  float total = 0;
-  for (const float size : steps.first(std::min<uint64_t>(count, kDelayElements))) total += size;
-  return total;
+float addSteps(float delay, std::span<const float, kDelayElements> steps, uint64_t count) {
+  for (const float size : steps.first(std::min<uint64_t>(count, kDelayElements))) delay += size;
+  return delay;
 }
 
 }  // namespace
@@ -109,6 +108,6 @@ float CHIP(measurementGetDelayToFrameOffset)(VariableSet *set) {
   }
   const TimingRecord *record = timingRecordOf(set);
   if (!record) return delay;
-  delay += sum(record->coarse_step, setting(set, "SDCT"));
-  return delay + sum(record->medium_step, setting(set, "SDMT"));
+  delay = addSteps(delay, record->coarse_step, setting(set, "SDCT"));
+  return addSteps(delay, record->medium_step, setting(set, "SDMT"));
 }
