@@ -1,6 +1,7 @@
 #include "interface.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -29,22 +30,19 @@ struct Driver {
 
 constexpr Driver kDrivers[] = {
     {"FTx232H", FTx232H_Name, FTx232H_InitHandle, FTx232H_FreeHandle},
-    {"LAST", nullptr, nullptr, nullptr},
 };
-
-bool isLast(const Driver &driver) { return std::strcmp(driver.name, "LAST") == 0; }
 
 // The driver whose name begins the text, as the name of a connection string does.
 const Driver *driverOf(const char *text) {
-  for (const Driver *driver = kDrivers; !isLast(*driver); ++driver) {
-    if (std::strncmp(driver->name, text, std::strlen(driver->name)) == 0) return driver;
+  for (const Driver &driver : kDrivers) {
+    if (std::strncmp(driver.name, text, std::strlen(driver.name)) == 0) return &driver;
   }
   return nullptr;
 }
 
 const Driver *driverNamed(const char *name) {
-  for (const Driver *driver = kDrivers; name && !isLast(*driver); ++driver) {
-    if (std::strcmp(driver->name, name) == 0) return driver;
+  for (const Driver &driver : kDrivers) {
+    if (name && std::strcmp(driver.name, name) == 0) return &driver;
   }
   return nullptr;
 }
@@ -103,10 +101,9 @@ bool appendDevices(InterfaceHandle *bridge, char *out, uint32_t size) {
   char devices[kDriverListSize] = "";
   if (!bridge->ListDevices || bridge->ListDevices(bridge, devices, sizeof devices) != kSuccess) return true;
   const size_t used = std::strlen(out);
-  const size_t separator = used != 0;
-  if (used + separator + std::strlen(devices) + 1 > size) return false;
-  if (separator) std::strcat(out, "#");
-  std::strcat(out, devices);
+  const char *separator = used > 0 ? "#" : "";
+  if (used + std::strlen(separator) + std::strlen(devices) + 1 > size) return false;
+  std::snprintf(out + used, size - used, "%s%s", separator, devices);
   return true;
 }
 
@@ -123,8 +120,8 @@ int32_t interfaceListSupportedInterfaces(char *out, int32_t size) {
   if (!out) return kError;
   if (size <= 0) return kBufferTooSmall;
   out[0] = '\0';
-  for (const Driver *driver = kDrivers; !isLast(*driver); ++driver) {
-    if (int32_t code = appendDriver(out, size, driver->name, driver->displayName())) return code;
+  for (const Driver &driver : kDrivers) {
+    if (int32_t code = appendDriver(out, size, driver.name, driver.displayName())) return code;
   }
   return kSuccess;
 }
@@ -192,17 +189,17 @@ int32_t interfaceListConnectedInterfaces(QTX_Handle *owner, char *out, uint32_t 
 
   out[0] = '\0';
   int32_t result = kSuccess;
-  for (const Driver *driver = kDrivers; !isLast(*driver); ++driver) {
+  for (const Driver &driver : kDrivers) {
     int32_t not_open = 0;
-    if (interfaceInitHandle(slot, &owner->error, owner, driver->name, &not_open)) {
-      return origin(owner->error, HERE, kInterfaceInit, driver->name);
+    if (interfaceInitHandle(slot, &owner->error, owner, driver.name, &not_open)) {
+      return origin(owner->error, HERE, kInterfaceInit, driver.name);
     }
     if (interfaceInitInterface(*slot)) {
       interfaceFreeHandle(slot, nullptr);
-      return origin(owner->error, HERE, kInterfaceInit, driver->name);
+      return origin(owner->error, HERE, kInterfaceInit, driver.name);
     }
     const bool fits = appendDevices(*slot, out, size);
-    result = driver->freeHandle(slot, nullptr);
+    result = driver.freeHandle(slot, nullptr);
     interfaceFreeHandle(slot, nullptr);
     if (!fits) return origin(owner->error, HERE, kBufferTooSmall);
   }

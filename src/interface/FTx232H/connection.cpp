@@ -73,7 +73,7 @@ Outcome readDeviceList(const FTx232H_D2XX &d2xx) {
 
 Outcome configureDevice(InterfaceHandle *bridge) {
   const FTx232H_D2XX &d2xx = connectionOf(bridge)->d2xx;
-  const FT_HANDLE device = connectionOf(bridge)->device_handle;
+  FT_HANDLE device = connectionOf(bridge)->device_handle;
   if (ResetUSBDevicePurgeUSBInputBuffer(bridge)) {
     return {kInterfaceInit, "FTx232H - Could not reset the input buffer"};
   }

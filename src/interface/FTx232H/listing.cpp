@@ -1,3 +1,4 @@
+#include <cstdio>
 #include <cstring>
 
 #include "../../support/trace.h"
@@ -44,16 +45,9 @@ FT_STATUS readSerial(const FTx232H_D2XX &d2xx, uint32_t index, size_t &open_devi
   const FT_STATUS status = deviceText(d2xx, index, FT_OPEN_BY_SERIAL_NUMBER, serial);
   if (status != FT_DEVICE_NOT_OPENED) return status;
   const char *known = open_devices < kDeviceInfoEntries ? globalDeviceInfoArray[open_devices].serial : "";
-  std::strcpy(serial, known[0] != '\0' ? known : kOpenElsewhere);
+  std::snprintf(serial, sizeof serial, "%s", known[0] != '\0' ? known : kOpenElsewhere);
   ++open_devices;
   return FT_OK;
-}
-
-void appendConnectionString(char *out, const char *driver, const char *serial) {
-  std::strcat(out, driver);
-  std::strcat(out, "!Serial No: (");
-  std::strcat(out, serial);
-  std::strcat(out, ")");
 }
 
 }  // namespace
@@ -115,8 +109,8 @@ extern "C" int32_t FTx232H_ListDevices(InterfaceHandle *bridge, char *out, uint3
                     "FTx232H - The buffer for listing the connection strings for the connected FT-devices is too "
                     "small");
     }
-    appendConnectionString(out, bridge->driver_name, text);
-    if (index + 1 < count) std::strcat(out, "#");
+    const char *separator = index + 1 < count ? "#" : "";
+    std::snprintf(out + used, size - used, "%s!Serial No: (%s)%s", bridge->driver_name, text, separator);
   }
   return kSuccess;
 }
