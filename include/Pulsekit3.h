@@ -83,11 +83,14 @@ QTX_API const char *GetErrorMessage(int32_t code);
 
 /* Writes the connection strings of all attached radars, "<interface>!<device>!<module>!<chip>", separated by '#'.
    "Unknown" stands for what was not recognised or is held by another process. No radar is an empty text and success.
-   The module boards are powered up on the way. Codes: 1 a radar is open on this handle, 2, codes of the bridge. */
+   The module boards are powered up on the way. With more than ten bridges attached the text stays empty. Codes: 1 a
+   radar is open on this handle, 2, codes of the bridge. */
 QTX_API int32_t QTX_ListRadarModules(QTX_Handle *handle, char *buffer, uint32_t size);
 
 /* Opens the radar that the connection string names. A module or chip field "Unknown" leaves that layer out. When only
-   the chip fails to start, its code is returned and the radar stays open. Code 1025 for a null handle. */
+   the chip fails to start, its code is returned and the radar stays open. A module name that does not exist closes the
+   bridge again and returns the code of that, normally 0: the record tells. Every other failure leaves nothing open. A
+   radar that is still open on the handle is released first. Code 1025 for a null handle. */
 QTX_API int32_t QTX_OpenRadar(QTX_Handle *handle, const char *connection_string);
 
 /* Closes the radar; closing twice is fine. Code 1 for a null handle, 266 when the bridge can't be closed. */
@@ -160,7 +163,7 @@ QTX_API int32_t QTX_FrameLoggingStop(QTX_Handle *handle);
 /* ---- Settings file, flash, board information -------------------------------------------------------------------- */
 
 /* The settings of module and chip as text (docs/formats.md). A failed save leaves an existing file as it was. Code 6
-   when the file can't be opened. */
+   when the file can't be opened or written. */
 QTX_API int32_t QTX_VarsSaveToFile(QTX_Handle *handle, const char *path);
 /* Applies a settings file in its order. Code 1 when it named unknown variables: the others are set. */
 QTX_API int32_t QTX_VarsLoadFromFile(QTX_Handle *handle, const char *path);
@@ -175,7 +178,8 @@ QTX_API int32_t QTX_ModuleReadFlashMemory(QTX_Handle *handle, uint32_t address, 
 QTX_API int32_t QTX_ModuleWriteFlashMemory(QTX_Handle *handle, uint32_t address, const uint8_t *buffer,
                                            uint32_t length);
 /* The board's one-time-programmable information: at most 128 bytes read, 64 programmed (longer requests are cut). Works
-   without an open radar on the first one that is found. */
+   without an open radar on the first one that is found; when that one's board can't be powered up, the code is that of
+   disconnecting it, normally 0: the record tells. */
 QTX_API int32_t QTX_ModuleReadBoardInfo(QTX_Handle *handle, uint8_t *buffer, int32_t length);
 QTX_API int32_t QTX_ModuleProgramBoardInfo(QTX_Handle *handle, const uint8_t *buffer, int32_t length);
 

@@ -1,4 +1,7 @@
 // Listing, opening, closing and powering simulated radars.
+#include <algorithm>
+#include <utility>
+
 #include "bench.h"
 #include "files.h"
 
@@ -69,6 +72,17 @@ TEST_F(Radars, AFailedListingIsToldWithItsTracePoint) {
   // A bridge that can't be opened keeps its entry.
   QTXSim_FailCall("OpenEx", 1, 1, 4);
   EXPECT_EQ(list(), device("A1") + "!Unknown!Unknown");
+}
+
+TEST_F(Radars, MoreThanTenDevicesAreNoListAndManyMoreAreNoRoom) {
+  for (int i = 0; i < 10; ++i) addRadar(("A" + std::to_string(i)).c_str(), nullptr, nullptr);
+  const std::string ten = list();
+  EXPECT_EQ(std::count(ten.begin(), ten.end(), '#'), 9);
+  addRadar("B0", nullptr, nullptr);
+  EXPECT_EQ(list(), "");
+  for (int i = 0; i < 10; ++i) addRadar(("C1234567890123" + std::to_string(i)).c_str(), nullptr, nullptr);
+  list(2);
+  EXPECT_NE(description(radar).find("QTX_ListRadarModules in src/Pulsekit3:183"), std::string::npos);
 }
 
 TEST_F(Radars, ListingLeavesAnOpenRadarAlone) {
@@ -175,6 +189,19 @@ TEST_F(Radars, ClosingTwiceIsFineAndAFailedCloseCanBeRepeated) {
   EXPECT_EQ(radar->interface_handle, nullptr);
   EXPECT_EQ(radar->open, 1);
   EXPECT_EQ(QTX_OpenRadar(radar, connection().c_str()), 0);
+}
+
+TEST_F(Radars, AChipThatCannotBeFreedDoesNotStopClosing) {
+  addRadar();
+  ASSERT_EQ(QTX_OpenRadar(radar, connection().c_str()), 0);
+  const char *name = std::exchange(radar->chip->name, "another");
+  EXPECT_EQ(QTX_CloseRadar(radar), 0);
+  EXPECT_NE(description(radar).find("QTX_CloseRadar in src/Pulsekit3:466"), std::string::npos);
+  EXPECT_EQ(radar->interface_handle, nullptr);
+  EXPECT_EQ(radar->module, nullptr);
+  radar->chip->name = name;
+  EXPECT_EQ(QTX_CloseRadar(radar), 0);
+  EXPECT_EQ(radar->chip, nullptr);
 }
 
 TEST_F(Radars, NothingIsOpenAfterClosing) {

@@ -73,6 +73,23 @@ TEST_P(Unplugged, WhileListing) {
               });
 }
 
+TEST_P(Unplugged, WhileReadingBoardInformation) {
+  std::set<int> points;
+  std::vector<uint8_t> info(128);
+  atEveryCall([] {}, [&] { return QTX_ModuleReadBoardInfo(radar, info.data(), 128); },
+              [&](uint32_t nth, int32_t code) {
+                const std::string trace = radar->error->trace;
+                const size_t point = trace.find("QTX_ModuleReadBoardInfo in src/Pulsekit3:");
+                if (point == std::string::npos) return;
+                const int line = std::stoi(trace.substr(trace.find(':', point) + 1));
+                points.insert(line);
+                // A board that can't be started gives the result of disconnecting.
+                EXPECT_EQ(code == 0, line == 1474) << nth << trace;
+              });
+  points.erase(1483);  // the transfer itself is too short for every shard to hit it
+  EXPECT_EQ(points, (std::set<int>{1453, 1474}));
+}
+
 TEST_P(Unplugged, WhileCapturing) {
   std::vector<double> frame(4096);
   atEveryCall([&] { open(); }, [&] { return QTX_GetFrameNormalized(radar, frame.data(), 4096); },
