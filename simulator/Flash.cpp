@@ -196,7 +196,6 @@ void Flash::execute() {
 }
 
 void Flash::start(uint64_t duration) {
-  failed_ = false;
   operating_ = true;
   stuck_ = stayBusy_;
   busyUntil_ = clock_.nanoseconds() + duration;

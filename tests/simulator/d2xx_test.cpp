@@ -155,8 +155,13 @@ TEST_F(D2xxTest, Handles_AreInvalidAfterClosingAndAfterReset) {
   const FT_HANDLE first = handle;
   open();
   EXPECT_EQ(invalid, callAll(d2xx(), first)) << "an old handle must not reach the reopened device";
+  const FT_HANDLE second = handle;
   QTXSim_Reset();
-  EXPECT_EQ(invalid, callAll(d2xx(), handle));
+  EXPECT_EQ(invalid, callAll(d2xx(), second));
+  plugIn();
+  open();
+  EXPECT_EQ(invalid, callAll(d2xx(), first));
+  EXPECT_EQ(invalid, callAll(d2xx(), second));
 }
 
 TEST_F(D2xxTest, UnpluggedDevice_FailsUntilItIsOpenedAnew) {
@@ -170,7 +175,10 @@ TEST_F(D2xxTest, UnpluggedDevice_FailsUntilItIsOpenedAnew) {
   FT_HANDLE second = nullptr;
   ASSERT_EQ(FT_OK, d2xx().OpenEx("FT0001AB", FT_OPEN_BY_SERIAL_NUMBER, &second));
   EXPECT_EQ(FT_OK, d2xx().Close(handle));
-  EXPECT_EQ(std::vector<FT_STATUS>(8, FT_OK), callAll(d2xx(), second)) << "closing the dead handle cut the new one off";
+  EXPECT_EQ(std::vector<FT_STATUS>(8, FT_OK), callAll(d2xx(), second));
+  ASSERT_EQ(FT_OK, d2xx().SetUSBParameters(second, 4096, 4096));
+  handle = second;
+  EXPECT_EQ((Bytes{0xFA, 0xAA}), exchange({0xAA, 0x87}, 2)) << "closing the dead handle cut the new one off";
 }
 
 TEST_F(D2xxTest, BadArguments_AreRefused) {

@@ -55,6 +55,7 @@ INSTANTIATE_TEST_SUITE_P(
         Command{"LoopbackBytesOtherEdges", {0x84, 0x34, 0, 0, 0x13}, {0x13}, "Loopback 01\nSPI - > 13 < 13\n"},
         Command{"LoopbackBytesLsbFirst", {0x84, 0x39, 0, 0, 0x13}, {0x13}, "Loopback 01\nSPI - > C8 < C8\n"},
         Command{"LoopbackBits", {0x84, 0x33, 2, 0xB0}, {0x05}, "Loopback 01\nSPI - > A0/3 < A0/3\n"},
+        Command{"LoopbackEightBits", {0x84, 0x33, 7, 0xC5}, {0xC5}, "Loopback 01\nSPI - > C5 < C5\n"},
         Command{"LoopbackBitsOtherEdges", {0x84, 0x36, 2, 0xB0}, {0x05}, "Loopback 01\nSPI - > A0/3 < A0/3\n"},
         Command{"LoopbackBitsLsbFirst", {0x84, 0x3B, 2, 0x05}, {0xA0}, "Loopback 01\nSPI - > A0/3 < A0/3\n"},
         Command{"LoopbackReadsTheHeldDataOut", {0x84, 0x20, 0, 0}, {0xFF}, "Loopback 01\nSPI - < FF\n"},
@@ -110,6 +111,11 @@ INSTANTIATE_TEST_SUITE_P(
         Access{"AnswerInPiecesOfBits", {0x11, 0, 0, 0x9F}, {0x22, 2, 0x20, 0, 0, 0x22, 4}, {0x07, 0x7A, 0x00}},
         Access{"BytesAcrossByteBorders", {0x13, 3, 0x90, 0x11, 0, 0, 0xF0}, {0x22, 3, 0x22, 7}, {0x0F, 0x40}},
         Access{"WriteRisingEdge_SeesTheBitBefore", {0x10, 0, 0, 0x9F}, {0x20, 0, 0}, {0}},
+        // Sent one bit early; data-out is low before. 0x80 is an address in the unprogrammed part.
+        Access{"WriteRisingEdge_CarriesBitsAcrossBytes",
+               {0x80, 0xEC, 0x3B, 0x10, 5, 0, 0xEE, 0x00, 0x01, 0x00, 0x00, 0x00},
+               {0x20, 0, 0},
+               {0xFF}},
         Access{"WriteRisingEdge_ClockIdlesHigh", {0x10, 0, 0, 0x9F}, {0x20, 2, 0}, kIdentity, 1}),
     [](const auto &each) { return each.param.name; });
 
@@ -137,6 +143,18 @@ TEST_F(MpsseTest, WaitingForAPin_HoldsWhatFollowsUntilItComes) {
   EXPECT_EQ((Bytes{0xFA}), read(1));
   QTXSim_DrivePin(device, 5, -1);
   EXPECT_EQ((Bytes{0xDA}), exchange({0x89, 0x81, 0x87}, 1)) << "the power pin is pulled low";
+}
+
+TEST_F(MpsseTest, BitModeReset_ForgetsWhatWaitsAndTheClock) {
+  QTXSim_DrivePin(device, 5, 1);
+  write({0x80, 0xFE, 0x1B, 0x89, 0x83, 0x87});
+  ASSERT_EQ(FT_OK, d2xx().SetBitMode(handle, 0, 0));
+  ASSERT_EQ(FT_OK, d2xx().SetBitMode(handle, 0, 2));
+  QTXSim_DrivePin(device, 5, -1);
+  EXPECT_EQ(0u, queued());
+  QTXSim_ClearRecord();
+  write({0x86, 0, 0});
+  EXPECT_STREQ("Clock 6000000\n", QTXSim_RecordText(QTXSIM_EVENT_CLOCK));
 }
 
 TEST_F(MpsseTest, BitModeReset_LeavesAHalfReceivedCommand) {

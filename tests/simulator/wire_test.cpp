@@ -107,6 +107,16 @@ TEST_F(WireTest, Clock_FollowsDivisorAndBase) {
   EXPECT_EQ(4'200'000u, spent({0x8C}));
 }
 
+TEST_F(WireTest, Clock_LosesNoFractionsOfNanoseconds) {
+  for (int i = 0; i < 3; ++i) write({0x8E, 0});
+  EXPECT_EQ(100u, statistics().spi_nanoseconds);
+}
+
+TEST_F(WireTest, SlowAnswer_LeavesByteByByteWithTheLatencyTimer) {
+  EXPECT_EQ(4u, exchange({0x8B, 0x86, 0xFF, 0xFF, 0x20, 3, 0, 0x87}, 4).size());
+  EXPECT_EQ(4u, statistics().in_transfers);
+}
+
 TEST_F(WireTest, AnswerWithoutSendImmediate_WaitsForTheLatencyTimer) {
   for (uint8_t latency : Bytes{2, 16, 255}) {
     ASSERT_EQ(FT_OK, d2xx().SetLatencyTimer(handle, latency));
