@@ -114,6 +114,7 @@ int32_t QTX_ListRadarModules(QTX_Handle *handle, char *buffer, uint32_t size) tr
   }
   return kSuccess;
 } catch (const std::bad_alloc &) {
+  releaseLayers(handle);
   return origin(handle->error, HERE, kOutOfMemory);
 }
 
