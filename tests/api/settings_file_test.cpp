@@ -200,8 +200,10 @@ TEST_F(SettingsFile, PathsThatCannotBeOpenedAreCode6) {
   EXPECT_EQ(QTX_VarsLoadFromFile(handle, folder.file("").c_str()), 6);
   EXPECT_NE(description(handle).find("Error reading file\r\n   at: QTX_VarsLoadFromFile in src/Pulsekit3:2171"),
             std::string::npos);
-  for (const char *name : {"", "missing/settings.txt"}) {
-    EXPECT_EQ(QTX_VarsSaveToFile(handle, folder.file(name).c_str()), 6) << name;
+  const std::string longest(300, 'n');
+  for (const std::string &name : {std::string(), folder.file(""), folder.file("missing/settings.txt"),
+                                  folder.file("new/"), folder.file(longest)}) {
+    EXPECT_EQ(QTX_VarsSaveToFile(handle, name.c_str()), 6) << name;
     EXPECT_EQ(description(handle),
               "ERROR 0x6: Could not open file - Could not open file for write\r\n"
               "   at: QTX_VarsSaveToFile in src/Pulsekit3:1928");
@@ -246,6 +248,13 @@ TEST_F(SettingsFile, AFolderThatTakesNoNewFileStillTakesTheText) {
   }
   chmod(folder.file("").c_str(), 0755);
   EXPECT_NE(contents(path).find("Count=40\n"), std::string::npos);
+}
+
+TEST_F(SettingsFile, ANameThatLeavesNoRoomForAnotherBesideItIsWrittenInPlace) {
+  const std::string longest = folder.file(std::string(250, 'n'));
+  EXPECT_EQ(QTX_VarsSaveToFile(handle, longest.c_str()), 0);
+  EXPECT_NE(contents(longest).find("Count=40\n"), std::string::npos);
+  EXPECT_EQ(folder.fileCount(), 1u);
 }
 
 TEST_F(SettingsFile, AFullDiskKeepsTheOldFile) {

@@ -38,6 +38,7 @@ bool takeOver(int file, const struct stat &old) {
 }  // namespace
 
 FileReplacement::FileReplacement(const char *path) : path_(path) {
+  if (path_.empty()) return;
   struct stat old {};
   const bool exists = lstat(path, &old) == 0;
   // A file of several names would keep the old text under the others.

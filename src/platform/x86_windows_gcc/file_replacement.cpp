@@ -43,6 +43,7 @@ int createBeside(const std::string &path, std::string &name) {
 }  // namespace
 
 FileReplacement::FileReplacement(const char *path) : path_(path) {
+  if (path_.empty()) return;
   const Target target = targetOf(path);
   if (target == Target::kNotWritable) return;
   if (target != Target::kOther) {
