@@ -9,10 +9,20 @@
 
 namespace pulsekit {
 
-uint64_t parseInteger(const char *text) { return std::strtoull(text, nullptr, 10); }
+namespace {
+
+const char *withoutLeadingBlanks(const char *text) { return text + std::strspn(text, " \t\n\v\f\r"); }
+
+}  // namespace
+
+uint64_t parseInteger(const char *text) {
+  // Never an unsigned read of a negative number: far below the range it would come back as a small positive one.
+  const bool negative = *withoutLeadingBlanks(text) == '-';
+  return negative ? static_cast<uint64_t>(std::strtoll(text, nullptr, 10)) : std::strtoull(text, nullptr, 10);
+}
 
 double parseDouble(const char *text) {
-  text += std::strspn(text, " \t\n\v\f\r");
+  text = withoutLeadingBlanks(text);
   const bool negative = *text == '-';
   if (*text == '-' || *text == '+') ++text;
   if (*text == '-' || *text == '+') return 0.0;
@@ -22,10 +32,12 @@ double parseDouble(const char *text) {
   double value = 0.0;
   const std::from_chars_result result = hexadecimal ? std::from_chars(text + 2, end, value, std::chars_format::hex)
                                                     : std::from_chars(text, end, value, std::chars_format::general);
+  if (result.ec == std::errc::invalid_argument) return 0.0;
   if (result.ec == std::errc::result_out_of_range) {
     const std::string_view number(text, static_cast<size_t>(result.ptr - text));
-    const bool tiny = number.find("e-") != number.npos || number.find("E-") != number.npos ||
-                      number.find("p-") != number.npos || number.starts_with("0.") || number.starts_with(".");
+    const size_t exponent = number.find_first_of(hexadecimal ? "pP" : "eE");
+    const bool tiny = exponent != number.npos ? number.substr(exponent + 1, 1) == "-"
+                                              : number.starts_with("0.") || number.starts_with(".");
     value = tiny ? 0.0 : HUGE_VAL;
   }
   return negative ? -value : value;

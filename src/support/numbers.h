@@ -11,7 +11,7 @@ inline double bitsToDouble(uint64_t bits) { return std::bit_cast<double>(bits); 
 inline uint64_t doubleToBits(double value) { return std::bit_cast<uint64_t>(value); }
 
 // Both skip leading blanks, take a sign, stop at the first character that is not part of the number, and give 0 for a
-// text that is none. An integer beyond 64 bits gives the largest.
+// text that is none. An integer beyond 64 bits gives the largest, a negative one the lowest of 64 bits with a sign.
 uint64_t parseInteger(const char *text);
 double parseDouble(const char *text);
 

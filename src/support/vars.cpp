@@ -3,6 +3,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -27,6 +28,13 @@ uint64_t ask(VariableSet *set, Variable *variable, uint32_t command, uint64_t pr
 
 int32_t askCode(VariableSet *set, Variable *variable, uint32_t command) {
   return static_cast<int32_t>(ask(set, variable, command));
+}
+
+// The callback sees the old value until it has answered.
+void takeAutomaticValue(VariableSet *set, Variable *variable) {
+  uint64_t value = variable->value;
+  varGetAutoValue(set, variable, &value);
+  variable->value = value;
 }
 
 void showWhenEnabled(Variable *variable) {
@@ -206,7 +214,7 @@ int32_t varListActions(VariableSet *set, char *buffer, int32_t size) {
   return listNames(set, set ? set->actions : nullptr, set ? set->action_count : 0, buffer, size, HERE);
 }
 
-void varSprint(VariableSet *set, char *buffer, Variable *variable, int32_t verbose) {
+void varSprint(VariableSet *set, char *buffer, Variable *variable, int32_t verbose) try {
   if (!set || !buffer || !variable) return;
   const std::string_view description = variable->description ? variable->description : "";
   const size_t line_feed = description.find('\n');
@@ -243,7 +251,7 @@ void varSprint(VariableSet *set, char *buffer, Variable *variable, int32_t verbo
     text += "(default:" + value + ')';
     if (automatic) text += "(auto:" + value + ')';
   }
-  if (automatic) text += "=auto";
+  if (automatic && has(variable, VAR_FLAG_ENUM | VAR_FLAG_INT | VAR_FLAG_FLOAT)) text += "=auto";
   if (has(variable, VAR_FLAG_ENUM | VAR_FLAG_INT) && !(no_automatic_value && automatic)) {
     uint64_t value = 0;
     varGetValue(set, variable, &value);
@@ -257,6 +265,8 @@ void varSprint(VariableSet *set, char *buffer, Variable *variable, int32_t verbo
     for (size_t i = 0; i < first_line; ++i) text += description.substr(i);
   }
   std::strcat(buffer, text.c_str());
+} catch (const std::bad_alloc &) {
+  // Nothing is appended.
 }
 
 /* ---- Setting ---- */
@@ -270,10 +280,8 @@ int32_t varSetValue_Sub(VariableSet *set, Variable *variable, uint64_t value, ui
 
   const uint64_t old = variable->value;
   if (value == VAR_AUTO) {
-    uint64_t automatic = old;
-    varGetAutoValue(set, variable, &automatic);
     variable->flags |= VAR_FLAG_AUTO;
-    value = automatic;
+    takeAutomaticValue(set, variable);
   } else {
     // Unsigned on purpose: a negative integer is above every maximum.
     if (has(variable, VAR_FLAG_INT) && inIntegerRange(variable, value)) {
@@ -296,10 +304,10 @@ int32_t varSetValue_Sub(VariableSet *set, Variable *variable, uint64_t value, ui
       return rejected(set, HERE);
     }
     variable->flags &= ~uint32_t{VAR_FLAG_AUTO};
+    variable->value = value;
   }
 
-  variable->value = value;
-  if (old == value && !std::isnan(bitsToDouble(old))) return kSuccess;
+  if (variable->value == old && !std::isnan(bitsToDouble(old))) return kSuccess;
   if (int32_t code = varUpdateBackend(set, variable)) return passThrough(record(set), HERE, code);
   if (int32_t code = varNotifyDependers(set, variable)) return passThrough(record(set), HERE, code);
   return kSuccess;
@@ -564,7 +572,7 @@ int32_t varsCalculateAutoValues_NoBackendUpdates(VariableSet *set) {
   for (int32_t i = 0; i < set->count; ++i) {
     Variable *variable = &set->variables[set->order[i].index];
     if (!has(variable, VAR_FLAG_AUTO)) continue;
-    varGetAutoValue(set, variable, &variable->value);
+    takeAutomaticValue(set, variable);
     varNotifyDependers(set, variable);
   }
   --set->backend_hold;
@@ -658,7 +666,7 @@ int32_t varDependencyUpdated(VariableSet *set, Variable *dependent) {
   if (!set || !dependent) return origin(record(set), HERE, kError);
   if (!has(dependent, VAR_FLAG_AUTO)) return kSuccess;
   const uint64_t old = dependent->value;
-  varGetAutoValue(set, dependent, &dependent->value);
+  takeAutomaticValue(set, dependent);
   if (set->auto_depth == 0 && dependent->value == old) return kSuccess;
   varUpdateBackend(set, dependent);
   if (int32_t code = varNotifyDependers(set, dependent)) return passThrough(record(set), HERE, code);

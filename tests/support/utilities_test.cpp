@@ -142,12 +142,14 @@ TEST(Numbers, IntegersReadAsLenientlyAsAtoiButInSixtyFourBits) {
   EXPECT_EQ(parseInteger("9223372036854775807"), static_cast<uint64_t>(INT64_MAX));
   EXPECT_EQ(parseInteger("18446744073709551615"), UINT64_MAX);
   EXPECT_EQ(parseInteger("99999999999999999999999"), UINT64_MAX);
+  EXPECT_EQ(parseInteger(" -18446744073709551615"), static_cast<uint64_t>(INT64_MIN));
 }
 
 TEST(Numbers, DoublesReadAsLenientlyAsAtof) {
-  const char *const texts[] = {"1.5",     "-1.5e3", "+2",   "  7e-1x", "1.500000e+009", "",       "x",  "-",      "1e",
-                               "0x1.8p1", "inf",    "-inf", "1e999",   "-1e999",        "1e-999", ".5", "1e-310", "5."};
-  for (const char *text : texts) EXPECT_EQ(parseDouble(text), std::atof(text)) << text;
+  const char *const texts[] = {"1.5",    "-1.5e3", "+2",      "  7e-1x", "1.500000e+009", "",       "x",
+                               "-",      "1e",     "0x1.8p1", "inf",     "-inf",          "1e999",  "-1e999",
+                               "1e-999", ".5",     "1e-310",  "5.",      "-abc",          "0.1e999"};
+  for (const char *text : texts) EXPECT_EQ(doubleToBits(parseDouble(text)), doubleToBits(std::atof(text))) << text;
   EXPECT_TRUE(std::isnan(parseDouble("nan")));
   EXPECT_EQ(parseDouble("+-5"), 0.0);
 }

@@ -104,6 +104,7 @@ class VariableSystem : public ::testing::Test {
     *result = 0;
     switch (command) {
       case VAR_CMD_AUTO_VALUE:
+        asked[index] = *variable;
         *result = automatic(index);
         break;
       case VAR_CMD_WRITE_BACKEND:
@@ -190,6 +191,7 @@ class VariableSystem : public ::testing::Test {
   std::map<Index, std::vector<Index>> dependents{{kSource_, {kMiddle, kOther}}, {kMiddle, {kLast}}};
   std::map<Index, int32_t> write_failures;
   std::map<Index, int> property_updates;
+  std::map<Index, Variable> asked;  // as the callback found them when it was last asked for the automatic value
   std::string log;
   int32_t register_failure = 0, code = 0;
   int register_reads = 0;
@@ -313,6 +315,8 @@ TEST_F(VariableSystem, TextForms) {
   EXPECT_EQ(printed(kSource_), "Source [0..7](default:3)=5");
   EXPECT_EQ(printed(kRatio), "Ratio ");
   EXPECT_EQ(printed(kRatio, 1), "Ratio ");
+  at(kBare)->flags |= VAR_FLAG_AUTO;
+  EXPECT_EQ(printed(kBare), "Bare A");
 
   at(kRatio)->description = "ab\nmore\nlines";
   EXPECT_EQ(printed(kRatio, 1), "more\nlines\nRatio " + std::string(44, ' ') + "ab\nmore\nlinesb\nmore\nlines");
@@ -356,6 +360,21 @@ TEST_F(VariableSystem, ChangeIsWrittenThenTravelsDepthFirst) {
   EXPECT_EQ(takeLog(), "Middle=60 Middle> Last> Last=61 ");
   EXPECT_EQ(varSetIntValue(&set, at(kMiddle), VAR_AUTO), 0);
   EXPECT_EQ(takeLog(), "");
+}
+
+TEST_F(VariableSystem, AVariableHoldsItsOldValueInAutomaticStateWhileTheAutomaticOneIsComputed) {
+  start();
+  varSetIntValue(&set, at(kSource_), 5);
+  EXPECT_EQ(varSetIntValue(&set, at(kSource_), VAR_AUTO), 0);
+  EXPECT_EQ(asked[kSource_].value, 5u);
+  EXPECT_NE(asked[kSource_].flags & VAR_FLAG_AUTO, 0u);
+  at(kOther)->value = 77;
+  EXPECT_EQ(varDependencyUpdated(&set, at(kOther)), 0);
+  EXPECT_EQ(asked[kOther].value, 77u);
+  at(kMode)->value = kOff;
+  EXPECT_EQ(varsCalculateAutoValues_NoBackendUpdates(&set), 0);
+  EXPECT_EQ(asked[kMode].value, kOff);
+  EXPECT_EQ(at(kMode)->value, kSlow);
 }
 
 TEST_F(VariableSystem, RejectedValuesChangeNothing) {
@@ -588,6 +607,34 @@ TEST_F(VariableSystem, Actions) {
   EXPECT_EQ(varActionTrigger(&set, &actions[1]), 768);
   EXPECT_EQ(varActionTrigger(&set, &actions[2]), 1280);
   EXPECT_EQ(trace().find("   at: varActionTrigger in src/support/vars:"), 0u);
+}
+
+TEST_F(VariableSystem, RecordsWithNothingInTheirPointersAreHarmless) {
+  Variable *bare = at(kBare);
+  bare->items = nullptr;
+  bare->description = nullptr;
+  QTX_StackTraceFree(&set.error_state);
+  for (uint32_t flags : {VAR_FLAG_INT, VAR_FLAG_FLOAT, VAR_FLAG_ENUM, VAR_FLAG_LIVE_READ, VAR_FLAG_FROM_BACKEND}) {
+    bare->flags = flags;
+    start();
+    bare->flags |= VAR_FLAG_VISIBLE | VAR_FLAG_AUTO;
+    uint64_t value = 0, min = 0, max = 0;
+    uint32_t reported = 0, item = 0;
+    int32_t index = 0, capacity = 0;
+    const bool settable = flags == VAR_FLAG_INT || flags == VAR_FLAG_FLOAT;
+    EXPECT_EQ(varGetValue(&set, bare, &value), 0);
+    EXPECT_EQ(varSetValue(&set, bare, 0), settable ? 0 : flags == VAR_FLAG_ENUM ? 1286 : 1285);
+    varSetIndex(&set, bare, 0);
+    varSetValue(&set, bare, VAR_AUTO);
+    EXPECT_EQ(varGetProperties(&set, bare, &min, &max, &reported), 0);
+    EXPECT_EQ(varGetEnumsItem(&set, bare, 0), 0u);
+    EXPECT_EQ(varGetEnumsItems(&set, bare, &item, &capacity), 0);
+    EXPECT_EQ(varGetEnumIndex(&set, bare, 1, &index), 1);
+    varPropertiesUpdated(&set, bare);
+    EXPECT_EQ(varNotifyDependerProperties(&set, bare), 0);
+    EXPECT_EQ(varDependencyUpdated(&set, bare), 0);
+    EXPECT_EQ(printed(kBare, 1).rfind("Bare ", 0), 0u);
+  }
 }
 
 TEST_F(VariableSystem, NullArgumentsAreRefused) {
