@@ -419,6 +419,16 @@ TEST_F(TimingMeasurement, TheTargetFrequencyTunesUnlessTheOscillatorIsOffAlready
   EXPECT_EQ(radar.get("DCOTarget"), 0);
 }
 
+TEST_F(TimingMeasurement, AFailedTuningIsTracedThroughTheDriversFunctionToTheVariable) {
+  failTransfer("a1 00");
+  EXPECT_EQ(radar.set("DCOTargetFrequency", 200'000'000), kInterfaceRead);
+  const std::string trace = radar.handle.error->trace;
+  const size_t tuning = trace.find("from: QTX3701_measurementSetDCOFrequency in src/chip/QTX3701/QTX3701-timing:");
+  ASSERT_NE(tuning, std::string::npos) << trace;
+  const size_t next = trace.find("from: ", tuning + 1);
+  EXPECT_EQ(trace.compare(next, 42, "from: var_func_QTX3701_DCOTargetFrequency "), 0) << trace;
+}
+
 TEST_F(TimingMeasurement, ATargetThatNothingCanReachIsRefusedBeforeTheOscillatorStarts) {
   for (const char *name : {"ClockFrequency", "FMeasNumCycles"}) {
     const int64_t before = radar.get(name);

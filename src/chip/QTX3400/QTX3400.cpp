@@ -70,7 +70,8 @@ int32_t CHIP(ReadMemory)(QTX_Handle *access, uint8_t address, uint32_t byte_coun
   uint8_t command[] = {static_cast<uint8_t>(address & ~kWrite), kLongestBurst};
   uint32_t rest = byte_count;
   for (; rest > kLongestBurst; rest -= kLongestBurst) {
-    if (int32_t code = transfer(access, HERE, command, sizeof command, nullptr, kLongestBurst, SPI_MODE_QUEUE)) {
+    uint8_t *place = buffer + (byte_count - rest);
+    if (int32_t code = transfer(access, HERE, command, sizeof command, place, kLongestBurst, SPI_MODE_QUEUE)) {
       return code;
     }
     command[1] = kContinuedBurst | kLongestBurst;
@@ -78,7 +79,8 @@ int32_t CHIP(ReadMemory)(QTX_Handle *access, uint8_t address, uint32_t byte_coun
   // A single byte can't be had: the chip has no burst of one.
   if (rest > 1) {
     command[1] = static_cast<uint8_t>((command[1] & kContinuedBurst) | rest);
-    if (int32_t code = transfer(access, HERE, command, sizeof command, nullptr, rest, SPI_MODE_QUEUE)) return code;
+    uint8_t *place = buffer + (byte_count - rest);
+    if (int32_t code = transfer(access, HERE, command, sizeof command, place, rest, SPI_MODE_QUEUE)) return code;
   }
   return transfer(access, HERE, nullptr, 0, buffer, byte_count, SPI_MODE_COLLECT);
 }

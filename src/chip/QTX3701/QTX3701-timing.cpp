@@ -409,10 +409,7 @@ int32_t CHIP(measurementSetDCOFrequency)(VariableSet *set, uint32_t frequency) {
 int32_t CHIP(writeDCOTargetFrequency)(VariableSet *set, int64_t frequency) {
   const bool off = setting(set, "DCOEnable") == 0 && setting(set, "DCOTunerEnable") == 0;
   if (frequency == 0 && off) return kSuccess;
-  if (int32_t code = CHIP(measurementSetDCOFrequency)(set, static_cast<uint32_t>(frequency))) {
-    return passThrough(set->error_state, HERE, code);
-  }
-  return kSuccess;
+  return CHIP(measurementSetDCOFrequency)(set, static_cast<uint32_t>(frequency));
 }
 
 int64_t CHIP(measurementGetDCOFrequency)(VariableSet *set) {
