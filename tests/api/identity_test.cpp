@@ -40,6 +40,23 @@ TEST(Identity, TextsNeedTheRoomThatTheyState) {
   }
 }
 
+TEST(Identity, TypeCodesAreToldApartByTheirBitAlone) {
+  const uint16_t types[] = {0, 0x8, 0x800, 0x1000, 0xfff7, 0xf7ff, 0xefff, 0xffff};
+  for (const uint16_t type : types) {
+    EXPECT_EQ(QTX_VarTypeIsEnum(type), type & 0x8 ? 1 : 0) << type;
+    EXPECT_EQ(QTX_VarTypeIsInt(type), type & 0x800 ? 1 : 0) << type;
+    EXPECT_EQ(QTX_VarTypeIsFloat(type), type & 0x1000 ? 1 : 0) << type;
+  }
+}
+
+TEST(Identity, DelimitersAreThoseOfTheTextsThatTheLibraryWrites) {
+  EXPECT_EQ(QTX_ConnectionStringDelimiter1(), '!');
+  EXPECT_EQ(QTX_ConnectionStringDelimiter2(), '#');
+  EXPECT_EQ(QTX_ListDelimiter(), ',');
+  EXPECT_STREQ(QTX_SupportVersion(), "3.3.0~RC1");
+  EXPECT_STREQ(QTX_SupportName(), "Pulsekit3");
+}
+
 TEST(Identity, TheHandleOfAFreedSlotIsNull) {
   EXPECT_EQ(QTX_InitHandle(nullptr), 1);
   QTX_Handle *handle = nullptr;

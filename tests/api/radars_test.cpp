@@ -267,6 +267,8 @@ TEST_F(Radars, BoardInformationIsReadOpenOrNot) {
   for (const char *layers : {"!Unknown!Unknown", "!QTX-K245!QTX3701"}) {
     ASSERT_EQ(QTX_OpenRadar(radar, (device() + layers).c_str()), 0);
     EXPECT_EQ(read(), "QTX-K245/SN42") << layers;
+    const uint8_t nothing_new[] = {0xff};
+    EXPECT_EQ(QTX_ModuleProgramBoardInfo(radar, nothing_new, 1), 0) << layers;
     EXPECT_EQ(QTXSim_Calls("OpenEx"), QTXSim_Calls("Close") + 1) << layers;
     EXPECT_EQ(QTX_CloseRadar(radar), 0);
   }

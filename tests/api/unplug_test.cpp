@@ -1,5 +1,6 @@
 // A bridge that is pulled at every call in turn: a code each time, nothing hangs or leaks, and the radar can be closed
 // and opened again.
+#include <functional>
 #include <set>
 
 #include "bench.h"
@@ -73,21 +74,32 @@ TEST_P(Unplugged, WhileListing) {
               });
 }
 
-TEST_P(Unplugged, WhileReadingBoardInformation) {
-  std::set<int> points;
+TEST_P(Unplugged, WhileReadingOrProgrammingBoardInformation) {
+  struct Case {
+    const char *function;
+    std::function<int32_t()> run;
+    int not_started, not_transferred;
+  };
   std::vector<uint8_t> info(128);
-  atEveryCall([] {}, [&] { return QTX_ModuleReadBoardInfo(radar, info.data(), 128); },
-              [&](uint32_t nth, int32_t code) {
-                const std::string trace = radar->error->trace;
-                const size_t point = trace.find("QTX_ModuleReadBoardInfo in src/Pulsekit3:");
-                if (point == std::string::npos) return;
-                const int line = std::stoi(trace.substr(trace.find(':', point) + 1));
-                points.insert(line);
-                // A board that can't be started gives the result of disconnecting.
-                EXPECT_EQ(code == 0, line == 1474) << nth << trace;
-              });
-  points.erase(1483);  // the transfer itself is too short for every shard to hit it
-  EXPECT_EQ(points, (std::set<int>{1453, 1474}));
+  const std::vector<uint8_t> name{'Q', 'T', 'X', '-', 'K', '2', '4', '5'};
+  const Case cases[] = {
+      {"QTX_ModuleReadBoardInfo", [&] { return QTX_ModuleReadBoardInfo(radar, info.data(), 128); }, 1474, 1483},
+      {"QTX_ModuleProgramBoardInfo", [&] { return QTX_ModuleProgramBoardInfo(radar, name.data(), 4); }, 1550, 1559}};
+  for (const Case &c : cases) {
+    std::set<int> points;
+    atEveryCall([] {}, c.run,
+                [&](uint32_t nth, int32_t code) {
+                  const std::string trace = radar->error->trace;
+                  const size_t point = trace.find(std::string(c.function) + " in src/Pulsekit3:");
+                  if (point == std::string::npos) return;
+                  const int line = std::stoi(trace.substr(trace.find(':', point) + 1));
+                  points.insert(line);
+                  // A board that can't be started gives the result of disconnecting.
+                  EXPECT_EQ(code == 0, line == c.not_started) << nth << trace;
+                });
+    points.erase(c.not_transferred);  // the transfer itself is too short for every shard to hit it
+    EXPECT_EQ(points, (std::set<int>{1453, c.not_started}));
+  }
 }
 
 TEST_P(Unplugged, WhileCapturing) {
