@@ -73,9 +73,7 @@ bool isKnown(const char *layer_name) { return std::strcmp(layer_name, kUnknown) 
 
 namespace pulsekit {
 
-bool interfaceIsConnected(const QTX_Handle *handle) {
-  return handle->interface_handle && handle->interface_handle->connected != 0;
-}
+bool interfaceIsConnected(const QTX_Handle *handle) { return interfaceHasDevice(handle->interface_handle); }
 
 void releaseLayers(QTX_Handle *handle) {
   QTX_StackTrace kept{};

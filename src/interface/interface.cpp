@@ -55,7 +55,16 @@ std::unique_ptr<platform::Lock> makeLock() noexcept try {
   return nullptr;
 }
 
-platform::Lock *lockOf(const InterfaceHandle *bridge) { return static_cast<platform::Lock *>(bridge->lock); }
+// Hosts may build handles of their own, which lack the private fields.
+bool isOurs(const InterfaceHandle *bridge) { return bridge->self == bridge; }
+
+platform::Lock *lockOf(const InterfaceHandle *bridge) {
+  return isOurs(bridge) ? static_cast<platform::Lock *>(bridge->lock) : nullptr;
+}
+
+void noteConnection(InterfaceHandle *bridge, bool connected) {
+  if (isOurs(bridge)) bridge->connected = connected ? 1 : 0;
+}
 
 InterfaceHandle *createHandle(QTX_StackTrace **record, QTX_Handle *owner, int32_t *shared_status) {
   std::unique_ptr<InterfaceHandle> bridge(new (std::nothrow) InterfaceHandle{});
@@ -67,6 +76,7 @@ InterfaceHandle *createHandle(QTX_StackTrace **record, QTX_Handle *owner, int32_
   bridge->InitInterface = interfaceDefaultInitInterface;
   bridge->Lock = interfaceLock;
   bridge->Unlock = interfaceUnlock;
+  bridge->self = bridge.get();
   bridge->lock = lock.release();
   return bridge.release();
 }
@@ -111,8 +121,11 @@ bool appendDevices(InterfaceHandle *bridge, char *out, uint32_t size) {
 
 QTX_StackTrace *interfaceErrorRecord(const InterfaceHandle *bridge) {
   if (!bridge) return nullptr;
-  return bridge->owner ? bridge->owner->error : bridge->error_state;
+  if (bridge->owner && bridge->owner->error) return bridge->owner->error;
+  return isOurs(bridge) ? bridge->error_state : nullptr;
 }
+
+bool interfaceHasDevice(const InterfaceHandle *bridge) { return bridge && isOurs(bridge) && bridge->connected != 0; }
 
 extern "C" {
 
@@ -184,7 +197,7 @@ int32_t interfaceListConnectedInterfaces(QTX_Handle *owner, char *out, uint32_t 
   if (!out) return origin(owner->error, HERE, kError);
   if (size == 0) return origin(owner->error, HERE, kBufferTooSmall);
   InterfaceHandle **slot = &owner->interface_handle;
-  if (*slot && (*slot)->connected) return origin(owner->error, HERE, kError, "A radar is open on this handle");
+  if (interfaceHasDevice(*slot)) return origin(owner->error, HERE, kError, "A radar is open on this handle");
   interfaceFreeHandle(slot, nullptr);
 
   out[0] = '\0';
@@ -218,7 +231,7 @@ int32_t interfaceConnect(InterfaceHandle *bridge, const char *connection_string)
     return recordedCode(record, code);
   }
   bridge->type_name = driver->name;
-  bridge->connected = 1;
+  noteConnection(bridge, true);
   return kSuccess;
 }
 
@@ -230,7 +243,7 @@ int32_t interfaceDisconnect(InterfaceHandle *bridge) {
     passThrough(record, HERE, code);
     return recordedCode(record, code);
   }
-  bridge->connected = 0;
+  noteConnection(bridge, false);
   return kSuccess;
 }
 
@@ -268,13 +281,13 @@ int32_t interfaceIO_GetValue(InterfaceHandle *bridge, uint32_t pin, uint32_t *va
 
 int32_t interfaceLock(InterfaceHandle *bridge) {
   if (!bridge) return kInterfaceNotInitialized;
-  if (bridge->lock) lockOf(bridge)->enter();
+  if (platform::Lock *lock = lockOf(bridge)) lock->enter();
   return kSuccess;
 }
 
 int32_t interfaceUnlock(InterfaceHandle *bridge) {
   if (!bridge) return kInterfaceNotInitialized;
-  if (bridge->lock) lockOf(bridge)->leave();
+  if (platform::Lock *lock = lockOf(bridge)) lock->leave();
   return kSuccess;
 }
 

@@ -55,7 +55,8 @@ struct InterfaceHandle {
   int32_t (*Unlock)(InterfaceHandle *bridge);
   int32_t (*InterfaceLogging)(InterfaceHandle *bridge, int32_t mode, const char *file_name);
   int32_t (*InterfaceLogComment)(InterfaceHandle *bridge, const char *text);
-  /* Private from here on. */
+  /* Private from here on; a record that a host has made itself ends above. */
+  const struct InterfaceHandle *self; /* this handle, where the layer has made it */
   void *lock;
   QTX_StackTrace *error_state;
   int32_t connected; /* 1 between interfaceConnect and interfaceDisconnect */
@@ -84,8 +85,9 @@ QTX_API int32_t interfaceUnlock(InterfaceHandle *bridge);
 #ifdef __cplusplus
 }
 
-/* The record that failures of a bus sequence on this handle go to. */
+/* The record that failures of a bus sequence on this handle go to: the owner's, else the one given at creation. */
 QTX_StackTrace *interfaceErrorRecord(const InterfaceHandle *bridge);
+bool interfaceHasDevice(const InterfaceHandle *bridge);
 
 /* Holds the handle's lock for a scope; a null handle is fine. */
 class InterfaceLock {

@@ -49,15 +49,18 @@ const Board *boardNamed(std::string_view name) {
 int32_t moduleDefaultInitModule(ModuleHandle *module) {
   BoardPins pins = kPinsOfK2x5;
   pins.power_up_ms = 100;
-  return onBridge(*module, HERE, [&](InterfaceHandle *bridge) { return powerUp(bridge, pins, OnFailure::kGoOn); });
+  return onBridge(*module, HERE, &InterfaceHandle::SetIO_Direction,
+                  [&](InterfaceHandle *bridge) { return powerUp(bridge, pins, OnFailure::kGoOn); });
 }
 
 int32_t moduleDefaultReadBoardInfo(ModuleHandle *module, uint8_t *buffer, int32_t length) {
-  return onBridge(*module, HERE, [&](InterfaceHandle *bridge) { return readBoardInfo(bridge, buffer, length); });
+  return onBridge(*module, HERE, &InterfaceHandle::SendReceiveSPI,
+                  [&](InterfaceHandle *bridge) { return readBoardInfo(bridge, buffer, length); });
 }
 
 int32_t moduleDefaultProgramBoardInfo(ModuleHandle *module, const uint8_t *buffer, int32_t length) {
-  return onBridge(*module, HERE, [&](InterfaceHandle *bridge) { return programBoardInfo(bridge, buffer, length); });
+  return onBridge(*module, HERE, &InterfaceHandle::SendReceiveSPI,
+                  [&](InterfaceHandle *bridge) { return programBoardInfo(bridge, buffer, length); });
 }
 
 int32_t moduleDefaultReadFlashMemory(ModuleHandle *module, uint32_t, uint8_t *, int32_t) {
@@ -119,6 +122,7 @@ int32_t moduleInitHandle(ModuleHandle **out, QTX_StackTrace **error_state, QTX_H
 
 int32_t moduleInitModule(ModuleHandle *module) {
   if (!module) return kModuleNotInitialized;
+  if (!module->InitModule) return origin(module->error_state, HERE, kModuleNotInitialized);
   forgetPinMaps(module->owner);
   if (int32_t code = module->InitModule(module)) return passThrough(module->error_state, HERE, code);
   return kSuccess;

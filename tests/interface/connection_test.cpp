@@ -171,11 +171,17 @@ TEST_F(Connection, TableOfTheConnectionStaysWhenAnotherIsInstalled) {
   EXPECT_EQ(d2xx.calls.back(), "Close");
 }
 
-TEST_F(Connection, TableWithAnEmptySlotIsRefused) {
-  FTx232H_D2XX table = *ScriptedD2xx::table();
+TEST_F(Connection, EmptySlotsOfATableAnswerThatTheyAreNotSupported) {
+  FTx232H_D2XX table{};
+  table.ListDevices = ScriptedD2xx::table()->ListDevices;
+  EXPECT_EQ(FTx232H_SetD2XX(&table), 0);
+  EXPECT_EQ(listed(), "FTx232H!Serial No: (FT0001AB)");
+  EXPECT_EQ(interfaceConnect(bridge, kDevice), 260);
+
+  table = *ScriptedD2xx::table();
   table.GetDeviceInfoList = nullptr;
-  EXPECT_EQ(FTx232H_SetD2XX(&table), 1);
-  EXPECT_EQ(interfaceConnect(bridge, kDevice), 0) << "the old one stays";
+  EXPECT_EQ(FTx232H_SetD2XX(&table), 0);
+  expectFailure(interfaceConnect(bridge, kDevice), 259, kNoList, {"FTx232H_ConnectDevice", "interfaceConnect"});
 }
 
 TEST_F(Connection, Listing) {

@@ -117,6 +117,57 @@ TEST_F(InterfaceLayer, HandleWithoutALibraryHandle) {
   EXPECT_EQ(interfaceFreeHandle(&handle, nullptr), 0);
 }
 
+TEST_F(InterfaceLayer, RecordOfTheHandleServesWhereTheOwnerHasNone) {
+  QTX_StackTrace *record = nullptr;
+  QTX_StackTraceInit(&record, nullptr);
+  QTX_Handle owner{};
+  InterfaceHandle *handle = nullptr;
+  ASSERT_EQ(interfaceInitHandle(&handle, &record, &owner, "DEFAULT", nullptr), 0);
+  handle->SetIO = [](InterfaceHandle *, uint32_t, uint32_t) { return 262; };
+  EXPECT_EQ(interfaceIO_SetValue(handle, 5, 1), 262);
+  EXPECT_EQ(functionsOf(record), Names{"interfaceIO_SetValue"});
+  EXPECT_EQ(interfaceFreeHandle(&handle, &record), 0);
+}
+
+// A host's own record ends in front of the private fields: what stands there is neither read nor written.
+TEST_F(InterfaceLayer, HandleThatAHostHasMadeIsUsedUpToItsEnd) {
+  InterfaceHandle handle{};
+  int32_t something_else = 0;
+  handle.self = bridge;
+  handle.lock = &something_else;
+  handle.error_state = reinterpret_cast<QTX_StackTrace *>(&something_else);
+  handle.connected = 7;
+  handle.ConnectDevice = [](InterfaceHandle *, void **, const char *) { return 0; };
+  handle.DisconnectDevice = [](InterfaceHandle *, void *) { return 266; };
+  EXPECT_EQ(interfaceLock(&handle), 0);
+  EXPECT_EQ(interfaceConnect(&handle, kDevice), 0);
+  EXPECT_STREQ(handle.type_name, "FTx232H");
+  EXPECT_EQ(interfaceDisconnect(&handle), 266);
+  EXPECT_EQ(interfaceUnlock(&handle), 0);
+  EXPECT_EQ(handle.connected, 7);
+  EXPECT_EQ(something_else, 0);
+
+  handle.owner = radar;
+  radar->error->code = 261;
+  radar->error->trace[0] = '\0';
+  EXPECT_EQ(interfaceDisconnect(&handle), 261) << "the code in the owner's record";
+  EXPECT_EQ(functionsOf(radar->error), Names{"interfaceDisconnect"});
+}
+
+TEST_F(InterfaceLayer, ReleaseLeavesAHostsOwnConnectionAlone) {
+  open("DEFAULT");
+  int32_t of_the_host = 5;
+  bridge->ConnectDevice = [](InterfaceHandle *handle, void **connection, const char *) {
+    *connection = const_cast<int32_t *>(static_cast<const int32_t *>(handle->pin_map));
+    return 0;
+  };
+  bridge->pin_map = &of_the_host;
+  EXPECT_EQ(interfaceConnect(bridge, kDevice), 0);
+  EXPECT_EQ(bridge->connection, &of_the_host);
+  EXPECT_EQ(interfaceFreeHandle(&radar->interface_handle, nullptr), 0);
+  EXPECT_EQ(of_the_host, 5);
+}
+
 TEST_F(InterfaceLayer, SetupOfTheHostRunsWithTheHandle) {
   radar->spare = reinterpret_cast<void *>(succeedingSetup);
   EXPECT_EQ(create("FTx232H"), 0);

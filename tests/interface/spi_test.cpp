@@ -70,12 +70,17 @@ TEST_F(Spi, CollectingSendsTheBatchAndReadsWhatIsPending) {
                                "Read 3"}))
       << "no read command of its own";
   EXPECT_EQ(Bytes(in, in + 3), (Bytes{7, 8, 9}));
+}
 
+TEST_F(Spi, CollectingIntoTooSmallABufferCanBeRepeated) {
+  uint8_t in[4] = {};
   EXPECT_EQ(transfer({0xA1}, nullptr, 4, SPI_MODE_QUEUE), 0);
-  d2xx.forget();
   expectFailure(transfer({}, in, 3, SPI_MODE_COLLECT), 2, "", {"FTx232H_SendReceiveSPI"});
   EXPECT_EQ(d2xx.calls, Names{});
-  expectEmptyBatch();
+  d2xx.replies = {{7, 8, 9, 10}};
+  EXPECT_EQ(transfer({}, in, 4, SPI_MODE_COLLECT), 0);
+  EXPECT_EQ(Bytes(in, in + 4), (Bytes{7, 8, 9, 10}));
+  EXPECT_EQ(d2xx.writes.size(), 1u);
 }
 
 TEST_F(Spi, ExecutingWithNothingPendingDropsUnsentBytes) {
@@ -122,7 +127,7 @@ TEST_F(Spi, LargestTransfersAndOneByteMore) {
   EXPECT_EQ(d2xx.calls, Names{});
 }
 
-TEST_F(Spi, RefusedTransfersSendNothingAndLeaveNothingPending) {
+TEST_F(Spi, RefusedTransfersSendNothingAndLeaveTheBatchAlone) {
   uint8_t in[4] = {};
   const uint8_t out[4] = {};
   struct Case {
@@ -142,9 +147,15 @@ TEST_F(Spi, RefusedTransfersSendNothingAndLeaveNothingPending) {
   for (const Case &test : cases) {
     SCOPED_TRACE(test.what);
     ASSERT_EQ(transfer({0xA1}, nullptr, 100, SPI_MODE_QUEUE), 0);
+    const uint32_t queued = connection().output_count;
+    const uint32_t pending = connection().pending_read_count;
     expectFailure(test.run(), test.code, test.message, {"FTx232H_SendReceiveSPI"});
-    expectEmptyBatch();
+    EXPECT_EQ(connection().output_count, queued);
+    EXPECT_EQ(connection().pending_read_count, pending);
   }
+  expectFailure(bridge->SendReceiveBitsSPI(bridge, 2, out, 8, in, 8, 0), 262, kOutsideChannels,
+                {"FTx232H_SendReceiveBitsSPI"});
+  EXPECT_EQ(connection().pending_read_count, 100u * std::size(cases));
   EXPECT_EQ(d2xx.calls, Names{});
   EXPECT_EQ(connection().pin_states, 0xFFFE) << "chip selects stay high";
 }

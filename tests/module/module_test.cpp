@@ -308,6 +308,23 @@ TEST_F(ModuleTest, OperationsNeedABridgeAndAnOwner) {
   }
 }
 
+TEST_F(ModuleTest, OperationsNeedNoMoreOfTheBridgeThanTheyUse) {
+  create("DEFAULT");
+  bridge.handle.SetIO = nullptr;
+  bridge.handle.SendReceiveSPI = nullptr;
+  EXPECT_EQ(moduleInitModule(module), 0);
+  EXPECT_EQ(bridge.pins, kDrivers[0].power_up);
+  std::array<uint8_t, 4> bytes = {};
+  EXPECT_EQ(module->ReadBoardInfo(module, bytes.data(), 4), 269);
+  EXPECT_EQ(bridge.record.code, 269);
+
+  bridge.handle.SetIO_Direction = nullptr;
+  EXPECT_EQ(moduleInitModule(module), 269);
+  module->InitModule = nullptr;
+  EXPECT_EQ(moduleInitModule(module), 514);
+  EXPECT_TRUE(traceStartsAt("moduleInitModule", "src/module/module"));
+}
+
 TEST_F(ModuleTest, HandleKeepsARecordOfItsOwnWhereThereIsNoneToShare) {
   for (const char *board : {"QTX-K225", "DEFAULT"}) {
     ModuleHandle *alone = nullptr;

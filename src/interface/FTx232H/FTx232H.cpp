@@ -31,6 +31,9 @@ void fillOperations(InterfaceHandle &bridge) {
   bridge.InterfaceLogComment = FTx232H_InterfaceLogComment;
 }
 
+// A handle that a host has given slots of its own holds nothing of this driver.
+bool isDriven(const InterfaceHandle &bridge) { return std::strcmp(bridge.driver_name, kDriverName) == 0; }
+
 }  // namespace
 
 // Part of the driver's contract, without a use of their own.
@@ -48,6 +51,8 @@ int32_t FTx232H_InitHandle(InterfaceHandle **bridge_slot, QTX_StackTrace **recor
   if (!bridge) return origin(record ? *record : nullptr, HERE, kInterfaceNotInitialized);
   if (record) QTX_StackTraceInit(&bridge->error_state, record);
   bridge->owner = owner;
+  std::memset(bridge->driver_name, 0, sizeof bridge->driver_name);
+  std::memcpy(bridge->driver_name, kDriverName, sizeof kDriverName);
 
   QTX_StackTrace *shared = interfaceErrorRecord(bridge);
   if (int32_t code = vars_FTx232H_InitHandle(&bridge->variables, &shared)) return passThrough(shared, HERE, code);
@@ -55,15 +60,14 @@ int32_t FTx232H_InitHandle(InterfaceHandle **bridge_slot, QTX_StackTrace **recor
   bridge->connection = createConnection();
   if (!bridge->connection) return origin(shared, HERE, kOutOfMemory);
   fillOperations(*bridge);
-  std::memset(bridge->driver_name, 0, sizeof bridge->driver_name);
-  std::memcpy(bridge->driver_name, kDriverName, sizeof kDriverName);
   clearDeviceInfoEntriesOnce();
   return kSuccess;
 }
 
 int32_t FTx232H_FreeHandle(InterfaceHandle **bridge_slot, QTX_StackTrace **record_or_null) {
   if (!bridge_slot) return kError;
-  if (InterfaceHandle *bridge = *bridge_slot) {
+  InterfaceHandle *bridge = *bridge_slot;
+  if (bridge && isDriven(*bridge)) {
     vars_FTx232H_FreeHandle(&bridge->variables);
     destroyConnection(bridge);
     closeInterfaceLog(bridge);

@@ -104,13 +104,13 @@ extern "C" int32_t FTx232H_ListDevices(InterfaceHandle *bridge, char *out, uint3
                     "FTx232H - Could not retrieve information about the connected FT-device");
     }
     const size_t used = size > 0 ? std::strlen(out) : 0;
-    if (used + std::strlen(bridge->driver_name) + std::strlen(text) + 16 >= size) {
+    if (used + std::strlen(FTx232H_Name()) + std::strlen(text) + 16 >= size) {
       return origin(record, HERE, kBufferTooSmall,
                     "FTx232H - The buffer for listing the connection strings for the connected FT-devices is too "
                     "small");
     }
     const char *separator = index + 1 < count ? "#" : "";
-    std::snprintf(out + used, size - used, "%s!Serial No: (%s)%s", bridge->driver_name, text, separator);
+    std::snprintf(out + used, size - used, "%s!Serial No: (%s)%s", FTx232H_Name(), text, separator);
   }
   return kSuccess;
 }

@@ -50,21 +50,28 @@ size_t commandLength(const Transfer &transfer) {
          (clocksIn(transfer) ? kShiftHeaderLength : 0);
 }
 
-// Takes the transfer's answer into the pending count; the code of a transfer that can't be done.
+// Makes room for the transfer's commands and its answer; what fits no batch empties it.
+int32_t reserve(FTx232H_Connection &connection, const Transfer &transfer, size_t answer) {
+  const bool fits = transfer.out_count <= kMaximumTransfer &&
+                    (!clocksIn(transfer) || transfer.in_count <= kMaximumTransfer) &&
+                    answer <= sizeof connection.input_buffer && reserveOutput(connection, commandLength(transfer));
+  if (fits) return kSuccess;
+  dropBatch(connection);
+  return kBufferTooSmall;
+}
+
+// Takes the transfer's answer into the pending count; the code of a transfer that can't be done. What is only wrongly
+// asked for leaves the batch to the next call.
 int32_t admit(FTx232H_Connection &connection, const Transfer &transfer) {
   if (transfer.mode < SPI_MODE_QUEUE || transfer.mode > SPI_MODE_COLLECT) return kError;
   if (transfer.out_count > 0 && !transfer.out) return kError;
-  if (transfer.out_count > kMaximumTransfer) return kBufferTooSmall;
-
   const bool collects = transfer.mode == SPI_MODE_COLLECT;
   if (collects && transfer.in_count < connection.pending_read_count) return kBufferTooSmall;
-  if (!collects && transfer.in_count > kMaximumTransfer) return kBufferTooSmall;
   const size_t answer = collects ? transfer.in_count : size_t{connection.pending_read_count} + transfer.in_count;
-  if (answer > sizeof connection.input_buffer) return kBufferTooSmall;
   if (transfer.mode != SPI_MODE_QUEUE && answer > 0 && !transfer.in) return kError;
 
   if (transfer.mode == SPI_MODE_EXECUTE && connection.pending_read_count == 0) connection.output_count = 0;
-  if (!reserveOutput(connection, commandLength(transfer))) return kBufferTooSmall;
+  if (int32_t code = reserve(connection, transfer, answer)) return code;
   connection.pending_read_count = static_cast<uint32_t>(answer);
   return kSuccess;
 }
@@ -115,19 +122,13 @@ int32_t FTx232H_SendReceiveSPI(InterfaceHandle *bridge, uint32_t channel, const 
   if (!connection) return origin(record, HERE, kInterfaceNotInitialized);
   const Transfer transfer{out, countOf(out_count), in, in_count, mode};
 
-  // Whatever fails, no answer stays pending: the next transfer would copy more than its own caller asked for.
   const int32_t chip_select = FTx232H_ID_to_SPIchannel(bridge->owner, static_cast<int32_t>(channel));
-  if (!isBridgePin(chip_select)) {
-    dropBatch(*connection);
-    return origin(record, HERE, kIoRead, kChannelMessage);
-  }
-  if (int32_t code = admit(*connection, transfer)) {
-    dropBatch(*connection);
-    return origin(record, HERE, code);
-  }
+  if (!isBridgePin(chip_select)) return origin(record, HERE, kIoRead, kChannelMessage);
+  if (int32_t code = admit(*connection, transfer)) return origin(record, HERE, code);
   appendTransfer(*connection, chip_select, transfer);
   if (mode == SPI_MODE_QUEUE) return kSuccess;
 
+  // Whatever fails from here on, no answer stays pending: the next transfer would copy more than its caller asked for.
   if (SendBytesToDevice(bridge)) {
     connection->pending_read_count = 0;
     return passThrough(record, HERE, kInterfaceWrite);
@@ -147,9 +148,9 @@ int32_t FTx232H_SendReceiveBitsSPI(InterfaceHandle *bridge, uint32_t channel, co
   QTX_StackTrace *record = interfaceErrorRecord(bridge);
   FTx232H_Connection *connection = connectionOf(bridge);
   if (!connection) return origin(record, HERE, kInterfaceNotInitialized);
-  dropBatch(*connection);
   const int32_t chip_select = FTx232H_ID_to_SPIchannel(bridge->owner, static_cast<int32_t>(channel));
   if (!isBridgePin(chip_select)) return origin(record, HERE, kIoRead, kChannelMessage);
+  dropBatch(*connection);
 
   const size_t bits = countOf(out_bits);
   const size_t answer = bytesFor(countOf(in_bits));

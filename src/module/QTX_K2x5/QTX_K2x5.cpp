@@ -53,7 +53,7 @@ int32_t MODULE(FreeHandle)(ModuleHandle **module, QTX_StackTrace **error_state_o
 
 int32_t MODULE(InitModule)(ModuleHandle *module) {
   const auto switchOn = [](InterfaceHandle *bridge) { return powerUp(bridge, kPins, OnFailure::kStop); };
-  if (int32_t code = onBridge(*module, HERE, switchOn)) return code;
+  if (int32_t code = onBridge(*module, HERE, &InterfaceHandle::SetIO_Direction, switchOn)) return code;
   if (int32_t code = MODULE(ReadModuleId)(module, module->board_name, sizeof module->board_name)) {
     return passThrough(module->error_state, HERE, code);
   }
@@ -62,12 +62,12 @@ int32_t MODULE(InitModule)(ModuleHandle *module) {
 }
 
 int32_t MODULE(SetIO)(QTX_Handle *owner, uint32_t pin, uint32_t level) {
-  return onBridge(owner, owner ? owner->error : nullptr, HERE,
+  return onBridge(owner, owner ? owner->error : nullptr, HERE, &InterfaceHandle::SetIO,
                   [&](InterfaceHandle *bridge) { return bridge->SetIO(bridge, pin, level); });
 }
 
 int32_t MODULE(ClockPulseOut)(QTX_Handle *owner) {
-  return onBridge(owner, owner ? owner->error : nullptr, HERE, [&](InterfaceHandle *) {
+  return onBridge(owner, owner ? owner->error : nullptr, HERE, &InterfaceHandle::SetIO, [&](InterfaceHandle *) {
     MODULE(SetIO)(owner, kPins.clock_output, 1);
     QTX_sleep_ms(kClockPulseMs);
     return MODULE(SetIO)(owner, kPins.clock_output, 0);
@@ -78,27 +78,29 @@ int32_t MODULE(ReadModuleId)(ModuleHandle *module, char *buffer, int32_t size) {
   const auto readName = [&](InterfaceHandle *bridge) {
     return sflashGetBoardName(bridge, kFlashChannel, buffer, size);
   };
-  if (int32_t code = onBridge(*module, HERE, readName)) return code;
+  if (int32_t code = onBridge(*module, HERE, &InterfaceHandle::SendReceiveSPI, readName)) return code;
   if (buffer[0] == '\0') return origin(module->error_state, HERE, kUnknownModule, "Could not read Radar Module ID");
   return kSuccess;
 }
 
 int32_t MODULE(ReadBoardInfo)(ModuleHandle *module, uint8_t *buffer, int32_t length) {
-  return onBridge(*module, HERE, [&](InterfaceHandle *bridge) { return readBoardInfo(bridge, buffer, length); });
+  return onBridge(*module, HERE, &InterfaceHandle::SendReceiveSPI,
+                  [&](InterfaceHandle *bridge) { return readBoardInfo(bridge, buffer, length); });
 }
 
 int32_t MODULE(ProgramBoardInfo)(ModuleHandle *module, const uint8_t *buffer, int32_t length) {
-  return onBridge(*module, HERE, [&](InterfaceHandle *bridge) { return programBoardInfo(bridge, buffer, length); });
+  return onBridge(*module, HERE, &InterfaceHandle::SendReceiveSPI,
+                  [&](InterfaceHandle *bridge) { return programBoardInfo(bridge, buffer, length); });
 }
 
 int32_t MODULE(ReadFlashMemory)(ModuleHandle *module, uint32_t address, uint8_t *buffer, int32_t length) {
-  return onBridge(*module, HERE, [&](InterfaceHandle *bridge) {
+  return onBridge(*module, HERE, &InterfaceHandle::SendReceiveSPI, [&](InterfaceHandle *bridge) {
     return sflashReadMemory(bridge, kFlashChannel, address, buffer, length);
   });
 }
 
 int32_t MODULE(WriteFlashMemory)(ModuleHandle *module, uint32_t address, const uint8_t *buffer, uint32_t length) {
-  return onBridge(*module, HERE, [&](InterfaceHandle *bridge) {
+  return onBridge(*module, HERE, &InterfaceHandle::SendReceiveSPI, [&](InterfaceHandle *bridge) {
     return sflashWriteMemory(bridge, kFlashChannel, address, buffer, length);
   });
 }

@@ -32,9 +32,7 @@ void freeBoardHandle(ModuleHandle **module, QTX_StackTrace **error_state_or_null
 int32_t findBridge(const QTX_Handle *owner, InterfaceHandle **bridge) {
   if (!owner) return kRadarNotInitialized;
   *bridge = owner->interface_handle;
-  // A handle without a driver has no operations.
-  const bool usable = *bridge && (*bridge)->SetIO && (*bridge)->SetIO_Direction && (*bridge)->SendReceiveSPI;
-  return usable ? kSuccess : kInterfaceNotInitialized;
+  return *bridge ? kSuccess : kInterfaceNotInitialized;
 }
 
 int32_t powerUp(InterfaceHandle *bridge, const BoardPins &pins, OnFailure on_failure) {

@@ -33,19 +33,22 @@ void freeBoardHandle(ModuleHandle **module, QTX_StackTrace **error_state_or_null
 // The bridge that the board hangs on. Codes: 269, 1025 without an owner; no trace.
 int32_t findBridge(const QTX_Handle *owner, InterfaceHandle **bridge);
 
-// Runs operation(bridge) with the bridge's lock held; a failure is traced at `at`.
-template <typename Operation>
-int32_t onBridge(const QTX_Handle *owner, QTX_StackTrace *record, TracePoint at, Operation operation) {
+// Runs operation(bridge) with the bridge's lock held; a failure is traced at `at`. A handle without a driver lacks the
+// slot that the operation needs: 269.
+template <typename Slot, typename Operation>
+int32_t onBridge(const QTX_Handle *owner, QTX_StackTrace *record, TracePoint at, Slot InterfaceHandle::*needed,
+                 Operation operation) {
   InterfaceHandle *bridge = nullptr;
   if (int32_t code = findBridge(owner, &bridge)) return origin(record, at, code);
+  if (!(bridge->*needed)) return origin(record, at, kInterfaceNotInitialized);
   const InterfaceLock lock(bridge);
   if (int32_t code = operation(bridge)) return passThrough(record, at, code);
   return kSuccess;
 }
 
-template <typename Operation>
-int32_t onBridge(const ModuleHandle &module, TracePoint at, Operation operation) {
-  return onBridge(module.owner, module.error_state, at, operation);
+template <typename Slot, typename Operation>
+int32_t onBridge(const ModuleHandle &module, TracePoint at, Slot InterfaceHandle::*needed, Operation operation) {
+  return onBridge(module.owner, module.error_state, at, needed, operation);
 }
 
 enum class OnFailure { kStop, kGoOn };

@@ -64,7 +64,7 @@ typedef struct FTx232H_D2XX {
 } FTx232H_D2XX;
 
 /* Installs the table (copied) for the whole process; null goes back to the default. Devices that are open keep the
-   table they were opened with. Returns 0, or 1 for a table with an empty slot: the old one stays then. */
+   table they were opened with. An empty slot answers FT_NOT_SUPPORTED. Returns 0. */
 QTX_API int32_t FTx232H_SetD2XX(const FTx232H_D2XX *functions);
 
 #ifdef __cplusplus

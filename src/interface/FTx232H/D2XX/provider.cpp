@@ -52,15 +52,31 @@ Vendor loadVendorLibrary() {
   return {library.release(), table};
 }
 
-bool isComplete(const FTx232H_D2XX &table) {
-  return table.Close && table.Read && table.Write && table.ResetDevice && table.SetTimeouts && table.GetQueueStatus &&
-         table.OpenEx && table.ListDevices && table.SetLatencyTimer && table.SetBitMode && table.SetUSBParameters &&
-         table.CreateDeviceInfoList && table.GetDeviceInfoList;
-}
-
 template <typename... Arguments>
 FT_STATUS notSupported(Arguments...) {
   return FT_NOT_SUPPORTED;
+}
+
+template <typename... Arguments>
+void fillIfEmpty(FT_STATUS (*&slot)(Arguments...)) {
+  if (!slot) slot = notSupported;
+}
+
+FTx232H_D2XX completed(FTx232H_D2XX table) {
+  fillIfEmpty(table.Close);
+  fillIfEmpty(table.Read);
+  fillIfEmpty(table.Write);
+  fillIfEmpty(table.ResetDevice);
+  fillIfEmpty(table.SetTimeouts);
+  fillIfEmpty(table.GetQueueStatus);
+  fillIfEmpty(table.OpenEx);
+  fillIfEmpty(table.ListDevices);
+  fillIfEmpty(table.SetLatencyTimer);
+  fillIfEmpty(table.SetBitMode);
+  fillIfEmpty(table.SetUSBParameters);
+  fillIfEmpty(table.CreateDeviceInfoList);
+  fillIfEmpty(table.GetDeviceInfoList);
+  return table;
 }
 
 std::mutex host_table_mutex;
@@ -73,10 +89,7 @@ std::optional<FTx232H_D2XX> hostTable() {
 
 }  // namespace
 
-FTx232H_D2XX unavailable() {
-  return {notSupported, notSupported, notSupported, notSupported, notSupported, notSupported, notSupported,
-          notSupported, notSupported, notSupported, notSupported, notSupported, notSupported};
-}
+FTx232H_D2XX unavailable() { return completed({}); }
 
 FTx232H_D2XX current() {
   if (const auto table = hostTable()) return *table;
@@ -88,8 +101,7 @@ FTx232H_D2XX current() {
 
 extern "C" int32_t FTx232H_SetD2XX(const FTx232H_D2XX *functions) {
   using namespace pulsekit;
-  if (functions && !d2xx::isComplete(*functions)) return kError;
   const std::lock_guard guard(d2xx::host_table_mutex);
-  d2xx::host_table = functions ? std::optional(*functions) : std::nullopt;
+  d2xx::host_table = functions ? std::optional(d2xx::completed(*functions)) : std::nullopt;
   return kSuccess;
 }
