@@ -130,6 +130,20 @@ TEST_F(Connection, AHandleConnectsOnce) {
   expectFailure(interfaceConnect(bridge, kDevice), 260, kOnlyOnce, trace);
 }
 
+TEST_F(Connection, DriverThatIsInitialisedAgainStartsAnew) {
+  connect();
+  EXPECT_EQ(FTx232H_InitHandle(&bridge, &radar->error, radar), 0);
+  EXPECT_EQ(d2xx.open_handles, 0) << "the open device would be lost";
+  EXPECT_EQ(interfaceConnect(bridge, kDevice), 0);
+}
+
+TEST_F(Connection, OperationWithoutItsArguments) {
+  const Names trace = {"FTx232H_ConnectDevice"};
+  expectFailure(bridge->ConnectDevice(bridge, &bridge->connection, nullptr), 1, "", trace);
+  expectFailure(bridge->ConnectDevice(bridge, nullptr, kDevice), 1, "", trace);
+  EXPECT_EQ(d2xx.calls, Names{});
+}
+
 TEST_F(Connection, CloseThatFailsKeepsTheConnection) {
   connect();
   d2xx.fail("Close", 1, FT_IO_ERROR);

@@ -49,6 +49,8 @@ int32_t FTx232H_InitHandle(InterfaceHandle **bridge_slot, QTX_StackTrace **recor
   if (!bridge_slot) return kError;
   InterfaceHandle *bridge = *bridge_slot;
   if (!bridge) return origin(record ? *record : nullptr, HERE, kInterfaceNotInitialized);
+  // A second time: the driver starts anew.
+  if (isDriven(*bridge)) FTx232H_FreeHandle(bridge_slot, nullptr);
   if (record) QTX_StackTraceInit(&bridge->error_state, record);
   bridge->owner = owner;
   std::memset(bridge->driver_name, 0, sizeof bridge->driver_name);

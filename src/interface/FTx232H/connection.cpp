@@ -139,6 +139,7 @@ void destroyConnection(InterfaceHandle *bridge) {
 
 int32_t FTx232H_ConnectDevice(InterfaceHandle *bridge, void **connection_slot, const char *connection_string) {
   QTX_StackTrace *record = interfaceErrorRecord(bridge);
+  if (!connection_slot || !connection_string) return origin(record, HERE, kError);
   auto *connection = static_cast<FTx232H_Connection *>(*connection_slot);
   if (!connection || connection->open) {
     return origin(record, HERE, kInterfaceOpen, "FTx232H - A handle connects only once");
