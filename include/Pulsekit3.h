@@ -89,8 +89,9 @@ QTX_API int32_t QTX_ListRadarModules(QTX_Handle *handle, char *buffer, uint32_t 
 
 /* Opens the radar that the connection string names. A module or chip field "Unknown" leaves that layer out. When only
    the chip fails to start, its code is returned and the radar stays open. A module name that does not exist closes the
-   bridge again and returns the code of that, normally 0: the record tells. Every other failure leaves nothing open. A
-   radar that is still open on the handle is released first. Code 1025 for a null handle. */
+   bridge again and returns the code of that, normally 0: the record tells. After any other failure close the handle, or
+   open anew: a bridge that did not connect is released then. A radar that is still open on the handle is released
+   first. Code 1025 for a null handle. */
 QTX_API int32_t QTX_OpenRadar(QTX_Handle *handle, const char *connection_string);
 
 /* Closes the radar; closing twice is fine. Code 1 for a null handle, 266 when the bridge can't be closed. */

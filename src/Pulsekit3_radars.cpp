@@ -125,11 +125,14 @@ int32_t QTX_OpenRadar(QTX_Handle *handle, const char *connection_string) {
 
   InterfaceHandle *&bridge = handle->interface_handle;
   if (int32_t code = interfaceInitHandle(&bridge, &handle->error, handle, info.interface_name, &handle->open)) {
-    return giveUp(handle, HERE_AT(376), recordedCode(handle, code));
+    return passThrough(handle->error, HERE_AT(376), recordedCode(handle, code));
   }
-  if (int32_t code = interfaceInitInterface(bridge)) return giveUp(handle, HERE_AT(382), recordedCode(handle, code));
+  // A bridge that does not connect stays for closing, freeing or the next opening to release.
+  if (int32_t code = interfaceInitInterface(bridge)) {
+    return passThrough(handle->error, HERE_AT(382), recordedCode(handle, code));
+  }
   if (int32_t code = interfaceConnect(bridge, info.interface_connection)) {
-    return giveUp(handle, HERE_AT(388), recordedCode(handle, code));
+    return passThrough(handle->error, HERE_AT(388), recordedCode(handle, code));
   }
   storeConnectionString(handle, connection_string);
 
@@ -177,11 +180,15 @@ int32_t QTX_CloseRadar(QTX_Handle *handle) {
 
 int32_t QTX_PowerOnRadar(QTX_Handle *handle) {
   if (int32_t code = checkCall(handle, HERE)) return code;
-  if (int32_t code = checkModule(handle, HERE, &ModuleHandle::InitModule)) return code;
-  if (int32_t code = checkChip(handle, HERE, &ChipOperations::InitChip)) return code;
+  // Nothing is switched for a radar that could not be started; one without a module has no such variable.
+  if (handle->module) {
+    if (int32_t code = checkModule(handle, HERE, &ModuleHandle::InitModule)) return code;
+    if (int32_t code = checkChip(handle, HERE, &ChipOperations::InitChip)) return code;
+  }
   if (int32_t code = QTX_VarSetIntValue_ByName(handle, "RadarModulePower", 1)) {
     return passThrough(handle->error, HERE_AT(515), recordedCode(handle, code));
   }
+  if (int32_t code = checkModule(handle, HERE, &ModuleHandle::InitModule)) return code;
   if (int32_t code = handle->module->InitModule(handle->module)) {
     return passThrough(handle->error, HERE_AT(522), recordedCode(handle, code));
   }

@@ -116,14 +116,14 @@ TEST_F(Radars, OpeningTakesEveryKindOfConnectionString) {
       {here + "!QTX3701", 0, 399, true, false, false},  // the last field is the chip, the module is missing
       {here + "!QTX-K245!QTX9999", 769, 430, false, false, false},
       {here + "!QTX-K245!qtx3701", 769, 430, false, false, false},
-      {here, 260, 388, false, false, false},
-      {device("NONE") + "!QTX-K245!QTX3701", 260, 388, false, false, false},
-      {"FTx232H!no bracket!Unknown!Unknown", 260, 388, false, false, false},
+      {here, 260, 388, true, false, false},
+      {device("NONE") + "!QTX-K245!QTX3701", 260, 388, true, false, false},
+      {"FTx232H!no bracket!Unknown!Unknown", 260, 388, true, false, false},
       {"ftx232h" + here.substr(7) + "!Unknown!Unknown", 268, 376, false, false, false},
       {"no delimiter", 268, 376, false, false, false},
       {"", 268, 376, false, false, false},
       {std::string(10000, 'F'), 268, 376, false, false, false},
-      {"FTx232H!" + std::string(10000, '(') + "!" + std::string(10000, 'M') + "!C", 260, 388, false, false, false},
+      {"FTx232H!" + std::string(10000, '(') + "!" + std::string(10000, 'M') + "!C", 260, 388, true, false, false},
   };
   for (const OpenCase &c : cases) {
     const std::string what = c.connection.substr(0, 60);
@@ -142,6 +142,22 @@ TEST_F(Radars, OpeningTakesEveryKindOfConnectionString) {
     EXPECT_EQ(radar->interface_handle, nullptr) << what;
   }
   EXPECT_EQ(QTXSim_Calls("Close"), QTXSim_Calls("OpenEx") - 2);  // two of them named no device
+}
+
+TEST_F(Radars, ABridgeThatDoesNotConnectStaysUntilItIsReleased) {
+  addRadar();
+  for (const bool close : {true, false}) {
+    QTXSim_ResetStatistics();
+    ASSERT_EQ(QTXSim_FailCall("SetLatencyTimer", 1, 1, FT_IO_ERROR), 0);
+    EXPECT_EQ(QTX_OpenRadar(radar, connection().c_str()), 258);
+    EXPECT_EQ(QTXSim_Calls("Close"), 0u);
+    if (close) {
+      EXPECT_EQ(QTX_CloseRadar(radar), 0);
+    } else {
+      EXPECT_EQ(QTX_OpenRadar(radar, connection().c_str()), 0) << description(radar);
+    }
+    EXPECT_EQ(QTXSim_Calls("Close"), 1u);
+  }
 }
 
 TEST_F(Radars, ABoardWithoutANameDoesNotStopOpening) {
@@ -218,7 +234,7 @@ TEST_F(Radars, NothingIsOpenAfterClosing) {
   EXPECT_EQ(QTX_ListVariables(radar, text, sizeof text), 1);
   EXPECT_EQ(QTX_ModuleReadFlashMemory(radar, 0, bytes, 4), 514);
   EXPECT_EQ(QTX_IO_SetValue(radar, 500, 1), 269);
-  EXPECT_EQ(QTX_PowerOnRadar(radar), 514);
+  EXPECT_EQ(QTX_PowerOnRadar(radar), 1283);
   EXPECT_EQ(QTX_PowerOffRadar(radar), 1283);
   EXPECT_EQ(QTX_VarsResetAllToDefault(radar), 514);
   EXPECT_EQ(QTX_VarsSaveToFlash(radar), 1283);

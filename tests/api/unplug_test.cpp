@@ -59,8 +59,6 @@ TEST_P(Unplugged, WhileOpening) {
                 const size_t point = trace.find("QTX_OpenRadar in src/Pulsekit3:");
                 ASSERT_NE(point, std::string::npos) << nth << trace;
                 points.insert(std::stoi(trace.substr(trace.find(':', point) + 1)));
-                EXPECT_EQ(radar->interface_handle != nullptr, *points.rbegin() == 439 && code != 0 && radar->chip)
-                    << nth;
               });
   EXPECT_EQ(points, (std::set<int>{388, 412, 439}));
 }
