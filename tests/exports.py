@@ -26,7 +26,9 @@ def exported(library):
     output = subprocess.run(
         ["nm", "-D", "--defined-only", "--format=posix", library], check=True, capture_output=True, text=True
     ).stdout
-    return {line.split()[0] for line in output.splitlines() if line}
+    names = {line.split()[0] for line in output.splitlines() if line}
+    # What the address sanitizer adds to a variable.
+    return {name for name in names if not name.startswith("__odr_asan.")}
 
 
 def main():
