@@ -60,11 +60,13 @@ int32_t getProperties(QTX_Handle *handle, TracePoint at, const char *name, uint6
   Variable *variable = nullptr;
   VariableSet *set = nullptr;
   if (int32_t code = findVariable_ByName(handle, name, &variable, &set)) return passThrough(handle->error, at, code);
-  uint32_t flags = 0;
-  if (int32_t code = varGetProperties(set, variable, min, max, &flags)) return passThrough(handle->error, at, code);
+  // A hidden variable has no range, but its outputs are defined all the same.
+  *min = *max = 0;
+  uint32_t flags = variable->flags;
+  const int32_t code = varGetProperties(set, variable, min, max, &flags);
   *writable = (flags & VAR_FLAGS_NOT_WRITABLE) == 0;
   *automatic = (flags & (VAR_FLAG_NO_AUTO_VALUE | VAR_FLAG_AUTO)) != 0;
-  return kSuccess;
+  return code ? passThrough(handle->error, at, code) : kSuccess;
 }
 
 }  // namespace

@@ -154,7 +154,7 @@ TEST_F(Variables, DoublesAreRoundedHalvesAwayFromZero) {
   EXPECT_EQ(value, -3.25);
 }
 
-TEST_F(Variables, AHiddenVariableCannotBeReadAndItsOutputsStay) {
+TEST_F(Variables, AHiddenVariableCannotBeRead) {
   radar.chip_set["Count"].flags &= ~uint32_t{VAR_FLAG_VISIBLE};
   radar.chip_set["Mode"].flags &= ~uint32_t{VAR_FLAG_VISIBLE};
   uint64_t word = 77;
@@ -169,8 +169,10 @@ TEST_F(Variables, AHiddenVariableCannotBeReadAndItsOutputsStay) {
   EXPECT_EQ(word, 77u);
   EXPECT_EQ(integer, 77);
   EXPECT_EQ(value, 77);
-  EXPECT_EQ(min, 77u);
-  EXPECT_EQ(writable, 77u);
+  EXPECT_EQ(min, 0u);
+  EXPECT_EQ(max, 0u);
+  EXPECT_EQ(writable, 1u);
+  EXPECT_EQ(automatic, 0u);
 }
 
 TEST_F(Variables, PropertiesTellWhetherAHostMayWrite) {
