@@ -8,8 +8,8 @@
  *  2. The caller owns every buffer. Sizes of texts are in characters including the terminator, sizes of arrays in
  *     entries, unless stated otherwise. A text that does not fit gives code 2.
  *  3. Text is 8-bit and NUL-terminated; names are case-sensitive.
- *  4. A missing handle gives 1025, a missing chip 770, a missing module 514, a missing interface 269 and a null
- * argument 1, unless stated otherwise. Nothing is written then.
+ *  4. A missing handle gives 1025, a missing chip 770, a missing module 514, a missing interface 269 and a
+ *     null argument 1, unless stated otherwise. Nothing is written then.
  *  5. A handle is used by one thread at a time. The library starts no thread of its own.
  *  6. No C++ exception leaves the library; failed allocations are code 7.
  */
@@ -126,7 +126,7 @@ QTX_API int32_t QTX_VarGetValueAsFloat_ByName(QTX_Handle *handle, const char *na
 QTX_API int32_t QTX_VarGetEnumsItems_ByName(QTX_Handle *handle, const char *name, uint32_t *items, int32_t *count);
 /* 2048 integer, 4096 float, 8 enumeration. */
 QTX_API int32_t QTX_VarGetType_ByName(QTX_Handle *handle, const char *name, uint32_t *type);
-/* Range (item indices for enumerations, bits of doubles for floats); writable and automatic are 1 or 0. */
+/* Range (item indices, or bits of doubles; 0 and 0 when not visible: 1282); writable and automatic are 1 or 0. */
 QTX_API int32_t QTX_VarGetIntProperties_ByName(QTX_Handle *handle, const char *name, uint64_t *min, uint64_t *max,
                                                uint32_t *writable, uint32_t *automatic);
 QTX_API int32_t QTX_VarGetFloatProperties_ByName(QTX_Handle *handle, const char *name, uint64_t *min, uint64_t *max,
