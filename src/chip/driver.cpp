@@ -4,6 +4,8 @@
 #include <memory>
 #include <new>
 
+#include "../support/numbers.h"
+
 namespace pulsekit::chip {
 
 namespace {
@@ -106,6 +108,16 @@ int32_t forgetStartedSweep(QTX_Handle *access, TracePoint at) {
 uint64_t setting(VariableSet *set, const char *name) {
   const Variable *variable = varNamed(set, name);
   return variable ? variable->value : 0;
+}
+
+double realSetting(VariableSet *set, const char *name) { return bitsToDouble(setting(set, name)); }
+
+int32_t setInteger(VariableSet *set, const char *name, int64_t value) {
+  return varSetIntValue(set, varNamed(set, name), value);
+}
+
+int32_t setReal(VariableSet *set, const char *name, double value) {
+  return varSetFloatValue(set, varNamed(set, name), value);
 }
 
 int32_t trigger(VariableSet *set, const char *action) { return varActionTrigger(set, varActionNamed(set, action)); }

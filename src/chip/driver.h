@@ -51,6 +51,9 @@ int32_t forgetStartedSweep(QTX_Handle *access, TracePoint at);
 
 // ---- Variables by name ----
 uint64_t setting(VariableSet *set, const char *name);  // as stored; 0 for an unknown one
+double realSetting(VariableSet *set, const char *name);
+int32_t setInteger(VariableSet *set, const char *name, int64_t value);
+int32_t setReal(VariableSet *set, const char *name, double value);
 int32_t trigger(VariableSet *set, const char *action);
 
 }  // namespace pulsekit::chip

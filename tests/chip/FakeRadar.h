@@ -115,6 +115,7 @@ class FakeRadar {
     if (channel != 0) line += " on channel " + std::to_string(channel);
     if (const int32_t code = fault(line)) return code;
     log.push_back(line);
+    if (mode == SPI_MODE_QUEUE) return 0;  // nothing is answered before it is collected
     if (out_count < 2) {
       if (in) std::memcpy(in, memory.data(), in_count);
       return 0;

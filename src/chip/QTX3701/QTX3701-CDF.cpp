@@ -12,10 +12,6 @@ static constexpr const char kSource[] = "src/chip/" CHIP_NAME "/" CHIP_NAME "-CD
 
 namespace {
 
-int32_t set(const ChipHandle *chip, const char *name, int64_t value) {
-  return varSetIntValue(chip->variables, varNamed(chip->variables, name), value);
-}
-
 // What to set the variable to later, so that it is as it is now.
 int64_t restorePoint(const ChipHandle *chip, const char *name) {
   const Variable *variable = varNamed(chip->variables, name);
@@ -41,22 +37,23 @@ int32_t CHIP(getCDF_Line)(ChipHandle *chip, int64_t dac_value, uint32_t *line, i
   if (!chip) return kChipNotInitialized;
   QTX_StackTrace *record = chip->error_state;
   if (!line) return origin(record, HERE, kError);
-  const SweepExtent extent = CHIP(sweepExtent)(chip->variables);
+  VariableSet *variables = chip->variables;
+  const SweepExtent extent = CHIP(sweepExtent)(variables);
   if (extent.samplers > static_cast<int64_t>(capacity)) return origin(record, HERE, kBufferTooSmall);
-  const int64_t value_afterwards = setting(chip->variables, "CDF_ReturnDACToZero") == 1 ? 0 : dac_value;
+  const int64_t value_afterwards = setting(variables, "CDF_ReturnDACToZero") == 1 ? 0 : dac_value;
 
-  if (int32_t code = trigger(chip->variables, "ResetCounters")) return passThrough(record, HERE, code);
-  if (int32_t code = set(chip, "DACOverrideVal", dac_value)) {
+  if (int32_t code = trigger(variables, "ResetCounters")) return passThrough(record, HERE, code);
+  if (int32_t code = setInteger(variables, "DACOverrideVal", dac_value)) {
     std::printf("Error setting DAC: DACValue = %d\n", static_cast<int>(dac_value));
     return passThrough(record, HERE, code);
   }
-  if (int32_t code = trigger(chip->variables, "StartSweep")) return passThrough(record, HERE, code);
+  if (int32_t code = trigger(variables, "StartSweep")) return passThrough(record, HERE, code);
   if (int32_t code = CHIP(waitForSweepFinished)(chip)) return passThrough(record, HERE, code);
-  if (int32_t code = set(chip, "DACOverrideVal", value_afterwards)) {
+  if (int32_t code = setInteger(variables, "DACOverrideVal", value_afterwards)) {
     std::printf("Error resetting DAC: DACValue = %d\n", static_cast<int>(dac_value));
     return passThrough(record, HERE, code);
   }
-  if (int32_t code = trigger(chip->variables, "LoadOutputBuffer")) return passThrough(record, HERE, code);
+  if (int32_t code = trigger(variables, "LoadOutputBuffer")) return passThrough(record, HERE, code);
   if (int32_t code = CHIP(readCounters)(chip, extent, line)) return passThrough(record, HERE, code);
   return kSuccess;
 }
@@ -77,9 +74,9 @@ int32_t CHIP(getCDF)(ChipHandle *chip, uint32_t *table, int32_t capacity) {
   if (capacity < static_cast<int32_t>(width * lines)) return origin(record, HERE, kBufferTooSmall);
 
   // A sweep of no range under the override holds the DAC where the override puts it.
-  if (int32_t code = set(chip, "DACMin", 0)) return passThrough(record, HERE, code);
-  if (int32_t code = set(chip, "DACMax", 0)) return passThrough(record, HERE, code);
-  if (int32_t code = set(chip, "DACOverride", 1)) return passThrough(record, HERE, code);
+  if (int32_t code = setInteger(variables, "DACMin", 0)) return passThrough(record, HERE, code);
+  if (int32_t code = setInteger(variables, "DACMax", 0)) return passThrough(record, HERE, code);
+  if (int32_t code = setInteger(variables, "DACOverride", 1)) return passThrough(record, HERE, code);
   CHIP(setSweepPin)(chip, 0);
   const uint64_t passes = setting(variables, "CDF_SpreadingFactor");
   for (uint64_t pass = 1; pass <= passes; ++pass) {
@@ -91,8 +88,8 @@ int32_t CHIP(getCDF)(ChipHandle *chip, uint32_t *table, int32_t capacity) {
     }
   }
   CHIP(setSweepPin)(chip, 1);
-  if (int32_t code = set(chip, "DACMin", dac_min_afterwards)) return passThrough(record, HERE, code);
-  if (int32_t code = set(chip, "DACMax", dac_max_afterwards)) return passThrough(record, HERE, code);
-  if (int32_t code = set(chip, "DACOverride", override_afterwards)) return passThrough(record, HERE, code);
+  if (int32_t code = setInteger(variables, "DACMin", dac_min_afterwards)) return passThrough(record, HERE, code);
+  if (int32_t code = setInteger(variables, "DACMax", dac_max_afterwards)) return passThrough(record, HERE, code);
+  if (int32_t code = setInteger(variables, "DACOverride", override_afterwards)) return passThrough(record, HERE, code);
   return kSuccess;
 }

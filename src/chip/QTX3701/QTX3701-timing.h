@@ -111,14 +111,4 @@ inline int32_t maximumSetting(VariableSet *set, const char *name) {
   return variable ? static_cast<int32_t>(std::min<uint64_t>(variable->max, kMaxDelaySetting)) : 0;
 }
 
-inline double realSetting(VariableSet *set, const char *name) { return bitsToDouble(setting(set, name)); }
-
-inline int32_t setInteger(VariableSet *set, const char *name, int64_t value) {
-  return varSetIntValue(set, varNamed(set, name), value);
-}
-
-inline int32_t setReal(VariableSet *set, const char *name, double value) {
-  return varSetFloatValue(set, varNamed(set, name), value);
-}
-
 }  // namespace pulsekit::chip

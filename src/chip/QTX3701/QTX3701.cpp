@@ -142,7 +142,7 @@ class Window {
         delay_(varNamed(set, "SampleDelay")),
         original_(setting(set, "SampleDelay")),
         automatic_(delay_ && (delay_->flags & VAR_FLAG_AUTO)),
-        step_(bitsToDouble(setting(set, "FrameSize"))) {}
+        step_(realSetting(set, "FrameSize")) {}
 
   int32_t moveTo(uint64_t sweep) const {
     return varSetFloatValue(set_, delay_, static_cast<double>(sweep) * step_ + bitsToDouble(original_));
