@@ -1,6 +1,5 @@
 // Settings and board information in the module's flash.
 #include <array>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <string>
@@ -9,6 +8,7 @@
 #include "Pulsekit3.h"
 #include "Pulsekit3_radars.h"
 #include "support/Pulsekit3_helpers.h"
+#include "support/numbers.h"
 
 using namespace pulsekit;
 
@@ -36,7 +36,7 @@ uint64_t encodedVersion(const VariableSet *set) {
   char a[4] = "", b[4] = "", c[4] = "";
   char *parts[] = {a, b, c};
   QTX_strsplit(set->version, parts, 3, sizeof a, '.');
-  return static_cast<uint64_t>(std::atoi(a) + std::atoi(b) * 256 + std::atoi(c) * 65536);
+  return parseInteger(a) + parseInteger(b) * 256 + parseInteger(c) * 65536;
 }
 
 std::string versionText(uint64_t word) {

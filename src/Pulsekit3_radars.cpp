@@ -26,6 +26,7 @@ constexpr size_t kNameSize = 64;
 std::vector<std::string> splitDevices(const char *list) {
   std::vector<std::array<char, kDeviceSize>> texts(kMaxDevices);
   std::vector<char *> fields;
+  fields.reserve(texts.size());
   for (auto &text : texts) fields.push_back(text.data());
   const int32_t count = QTX_strsplit(list, fields.data(), kMaxDevices, kDeviceSize, QTX_ConnectionStringDelimiter2());
   return std::vector<std::string>(fields.begin(), fields.begin() + count);

@@ -87,6 +87,28 @@ int32_t rejected(VariableSet *set, TracePoint at, const char *detail = "") {
   return origin(record(set), at, kIllegalValue, detail);
 }
 
+// Null where the variable takes the value, which an item index turns into the item's symbol; else the detail of the
+// refusal. Integers compare unsigned on purpose: a negative one is above every maximum.
+const char *refuse(Variable *variable, uint32_t mode, uint64_t *value) {
+  const bool integer = has(variable, VAR_FLAG_INT), real = has(variable, VAR_FLAG_FLOAT);
+  if ((integer && inIntegerRange(variable, *value)) || (real && inFloatRange(variable, *value))) return nullptr;
+  if (has(variable, VAR_FLAG_ENUM)) {
+    if (!(mode & VAR_SET_AS_INDEX)) return isItem(variable, *value) ? nullptr : "";
+    const int32_t index = static_cast<int32_t>(*value);
+    if (index < 0 || index >= varGetEnumsLength(nullptr, variable)) return "";
+    *value = variable->items[index];
+    return nullptr;
+  }
+  const double number = bitsToDouble(*value);
+  if ((integer && *value < variable->min) || (real && number < bitsToDouble(variable->min))) {
+    return "Value lower than min value";
+  }
+  if ((integer && *value > variable->max) || (real && number > bitsToDouble(variable->max))) {
+    return "Value greater than max value";
+  }
+  return "";
+}
+
 }  // namespace
 
 extern "C" {
@@ -283,26 +305,7 @@ int32_t varSetValue_Sub(VariableSet *set, Variable *variable, uint64_t value, ui
     variable->flags |= VAR_FLAG_AUTO;
     takeAutomaticValue(set, variable);
   } else {
-    // Unsigned on purpose: a negative integer is above every maximum.
-    if (has(variable, VAR_FLAG_INT) && inIntegerRange(variable, value)) {
-    } else if (has(variable, VAR_FLAG_FLOAT) && inFloatRange(variable, value)) {
-    } else if (has(variable, VAR_FLAG_ENUM)) {
-      if (mode & VAR_SET_AS_INDEX) {
-        const int32_t index = static_cast<int32_t>(value);
-        if (index < 0 || index >= varGetEnumsLength(set, variable)) return rejected(set, HERE);
-        value = variable->items[index];
-      } else if (!isItem(variable, value)) {
-        return rejected(set, HERE);
-      }
-    } else if ((has(variable, VAR_FLAG_INT) && value < variable->min) ||
-               (has(variable, VAR_FLAG_FLOAT) && bitsToDouble(value) < bitsToDouble(variable->min))) {
-      return rejected(set, HERE, "Value lower than min value");
-    } else if ((has(variable, VAR_FLAG_INT) && value > variable->max) ||
-               (has(variable, VAR_FLAG_FLOAT) && bitsToDouble(value) > bitsToDouble(variable->max))) {
-      return rejected(set, HERE, "Value greater than max value");
-    } else {
-      return rejected(set, HERE);
-    }
+    if (const char *reason = refuse(variable, mode, &value)) return rejected(set, HERE, reason);
     variable->flags &= ~uint32_t{VAR_FLAG_AUTO};
     variable->value = value;
   }

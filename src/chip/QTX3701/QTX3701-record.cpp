@@ -46,7 +46,9 @@ TimingRecord *recordOf(const ChipHandle *chip) {
 // The board's module and the flash address of a block.
 int32_t locate(const ChipHandle *chip, uint32_t block, TracePoint at, ModuleHandle **module, uint32_t *address) {
   *module = chip->access ? chip->access->module : nullptr;
-  if (!*module || !(*module)->variables) return origin(chip->error_state, at, kModuleNotInitialized);
+  if (!*module || !(*module)->variables || !(*module)->ReadFlashMemory || !(*module)->WriteFlashMemory) {
+    return origin(chip->error_state, at, kModuleNotInitialized);
+  }
   int64_t block_size = 0;
   if (int32_t code = varGetIntValue_ByName((*module)->variables, "FlashBlockSize", &block_size)) {
     return passThrough(chip->error_state, at, code);
