@@ -75,6 +75,23 @@ int32_t transfer(QTX_Handle *access, TracePoint at, const uint8_t *out, int32_t 
   return kSuccess;
 }
 
+int32_t readRegister(QTX_Handle *access, TracePoint at, uint8_t address, uint32_t byte_count, ByteOrder order,
+                     uint64_t *value) {
+  if (!access) return kRadarNotInitialized;
+  if (!value) return origin(access->error, at, kError);
+  *value = 0;
+  if (byte_count > kMaxRegisterBytes) {
+    return origin(access->error, at, kBufferTooSmall, "A register has at most 8 bytes");
+  }
+  const uint8_t command[] = {static_cast<uint8_t>(address & ~kWrite), static_cast<uint8_t>(byte_count)};
+  uint8_t answer[kMaxRegisterBytes] = {};
+  if (int32_t code = transfer(access, at, command, sizeof command, answer, byte_count)) return code;
+  for (uint32_t i = 0; i < byte_count; ++i) {
+    *value = *value << 8 | answer[order == kMostSignificantFirst ? i : byte_count - 1 - i];
+  }
+  return kSuccess;
+}
+
 int32_t writeWhenIdle(QTX_Handle *access, TracePoint at, ReadRegisterFunction read_while_locked, uint64_t sweeping_bit,
                       const uint8_t *frame, int32_t length) {
   InterfaceHandle *bridge = bridgeOf(access);

@@ -39,6 +39,13 @@ InterfaceHandle *bridgeOf(const QTX_Handle *access);
 int32_t transfer(QTX_Handle *access, TracePoint at, const uint8_t *out, int32_t out_count, uint8_t *in,
                  uint32_t in_count, int32_t mode = SPI_MODE_EXECUTE);
 
+// The bytes of a register's value on the bus.
+enum ByteOrder { kLeastSignificantFirst, kMostSignificantFirst };
+
+// A register of at most 8 bytes, whose value is 0 after a failure. The caller holds the lock.
+int32_t readRegister(QTX_Handle *access, TracePoint at, uint8_t address, uint32_t byte_count, ByteOrder order,
+                     uint64_t *value);
+
 // A register write: sends the frame, once the sweep has ended when a radar is open.
 using ReadRegisterFunction = int32_t (*)(QTX_Handle *, uint8_t, uint32_t, uint64_t *);
 int32_t writeWhenIdle(QTX_Handle *access, TracePoint at, ReadRegisterFunction read_while_locked, uint64_t sweeping_bit,

@@ -22,33 +22,17 @@ Count widened(Count byte_count) {
   return byte_count == 3 ? 4 : byte_count;
 }
 
-// Values travel most significant byte first. The caller holds the lock.
-int32_t readRegister(QTX_Handle *access, TracePoint at, uint8_t address, uint32_t byte_count, uint64_t *value) {
-  if (!access) return kRadarNotInitialized;
-  if (!value) return origin(access->error, at, kError);
-  *value = 0;
-  if (byte_count > kMaxRegisterBytes) {
-    return origin(access->error, at, kBufferTooSmall, "A register has at most 8 bytes");
-  }
-  byte_count = widened(byte_count);
-  const uint8_t command[] = {static_cast<uint8_t>(address & ~kWrite), static_cast<uint8_t>(byte_count)};
-  uint8_t answer[kMaxRegisterBytes] = {};
-  if (int32_t code = transfer(access, at, command, sizeof command, answer, byte_count)) return code;
-  for (uint32_t i = 0; i < byte_count; ++i) *value = *value << 8 | answer[i];
-  return kSuccess;
-}
-
 }  // namespace
 
 // ---- Bus ----
 
 int32_t CHIP(ReadRegister)(QTX_Handle *access, uint8_t address, uint32_t byte_count, uint64_t *value) {
   InterfaceLock lock(bridgeOf(access));
-  return readRegister(access, HERE, address, byte_count, value);
+  return readRegister(access, HERE, address, widened(byte_count), kMostSignificantFirst, value);
 }
 
 int32_t CHIP(ReadRegister_local)(QTX_Handle *access, uint8_t address, uint32_t byte_count, uint64_t *value) {
-  return readRegister(access, HERE, address, byte_count, value);
+  return readRegister(access, HERE, address, widened(byte_count), kMostSignificantFirst, value);
 }
 
 int32_t CHIP(WriteRegister)(QTX_Handle *access, uint8_t address, int32_t byte_count, uint64_t value) {

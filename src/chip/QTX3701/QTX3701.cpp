@@ -23,32 +23,17 @@ constexpr uint32_t kSweepStartPin = 7;
 constexpr uint64_t kQuickSweepPulses = 100;  // a step; longer sweeps are slept through before they are polled
 constexpr uint64_t kDacCodes = 8192;
 
-// Values travel least significant byte first. The caller holds the lock.
-int32_t readRegister(QTX_Handle *access, TracePoint at, uint8_t address, uint32_t byte_count, uint64_t *value) {
-  if (!access) return kRadarNotInitialized;
-  if (!value) return origin(access->error, at, kError);
-  *value = 0;
-  if (byte_count > kMaxRegisterBytes) {
-    return origin(access->error, at, kBufferTooSmall, "A register has at most 8 bytes");
-  }
-  const uint8_t command[] = {static_cast<uint8_t>(address & ~kWrite), static_cast<uint8_t>(byte_count)};
-  uint8_t answer[kMaxRegisterBytes] = {};
-  if (int32_t code = transfer(access, at, command, sizeof command, answer, byte_count)) return code;
-  for (uint32_t i = byte_count; i > 0; --i) *value = *value << 8 | answer[i - 1];
-  return kSuccess;
-}
-
 }  // namespace
 
 // ---- Bus ----
 
 int32_t CHIP(ReadRegister)(QTX_Handle *access, uint8_t address, uint32_t byte_count, uint64_t *value) {
   InterfaceLock lock(bridgeOf(access));
-  return readRegister(access, HERE, address, byte_count, value);
+  return readRegister(access, HERE, address, byte_count, kLeastSignificantFirst, value);
 }
 
 int32_t CHIP(ReadRegister_local)(QTX_Handle *access, uint8_t address, uint32_t byte_count, uint64_t *value) {
-  return readRegister(access, HERE, address, byte_count, value);
+  return readRegister(access, HERE, address, byte_count, kLeastSignificantFirst, value);
 }
 
 int32_t CHIP(WriteRegister)(QTX_Handle *access, uint8_t address, int32_t byte_count, uint64_t value) {
