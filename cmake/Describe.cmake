@@ -40,13 +40,25 @@ function(pulsekit_driver model)
       CACHE INTERNAL "Object files of drivers")
 endfunction()
 
+# pulsekit_meaning(<target>)
+# Compiles the meaning of all variables and actions into a program, which includes "meaning-autogen.h".
+function(pulsekit_meaning target)
+  set(directory ${PULSEKIT_GENERATED}/${target})
+  add_custom_command(
+    OUTPUT ${directory}/meaning-autogen.h ${directory}/meaning-autogen.cpp
+    COMMAND Python3::Interpreter -B ${describe} meaning ${description_files} --out ${directory}
+    DEPENDS ${description_files} ${generator_sources}
+    COMMENT "Generating the meaning of all variables"
+    VERBATIM)
+  target_sources(${target} PRIVATE ${directory}/meaning-autogen.h ${directory}/meaning-autogen.cpp)
+  target_include_directories(${target} PRIVATE ${directory})
+endfunction()
+
 set(variable_reference ${PROJECT_BINARY_DIR}/docs/variables.md)
-set(variable_help ${PULSEKIT_GENERATED}/variable_help.h)
 add_custom_command(
-  OUTPUT ${variable_reference} ${variable_help}
+  OUTPUT ${variable_reference}
   COMMAND Python3::Interpreter -B ${describe} reference ${description_files} --out ${variable_reference}
-  COMMAND Python3::Interpreter -B ${describe} help ${description_files} --out ${variable_help}
   DEPENDS ${description_files} ${generator_sources}
   COMMENT "Generating the variable reference"
   VERBATIM)
-add_custom_target(variable_reference ALL DEPENDS ${variable_reference} ${variable_help})
+add_custom_target(variable_reference ALL DEPENDS ${variable_reference})

@@ -3,7 +3,7 @@
 
   describe.py sources <description> --model <model> --out <directory>
   describe.py reference <description>... --out <file>
-  describe.py help <description>... --out <file>
+  describe.py meaning <description>... --out <directory>
 """
 import argparse
 import sys
@@ -12,6 +12,7 @@ from pathlib import Path
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
 import description
+import meaning
 import reference
 import sources
 
@@ -19,7 +20,7 @@ import sources
 def arguments():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     commands = parser.add_subparsers(dest='command', required=True)
-    for name, count in (('sources', 1), ('reference', '+'), ('help', '+')):
+    for name, count in (('sources', 1), ('reference', '+'), ('meaning', '+')):
         command = commands.add_parser(name)
         command.add_argument('descriptions', nargs=count, type=Path)
         command.add_argument('--out', required=True, type=Path)
@@ -32,10 +33,13 @@ def run(options):
     if options.command == 'sources':
         sources.write(description.load(options.descriptions[0], options.model), options.out)
         return
-    described = [description.load(path, model) for path in options.descriptions for model in description.models(path)]
-    text = reference.markdown(described) if options.command == 'reference' else reference.help_table(described)
+    described = [description.load(path, model)
+                 for path in options.descriptions for model in description.models(path)]
+    if options.command == 'meaning':
+        meaning.write(described, options.out)
+        return
     options.out.parent.mkdir(parents=True, exist_ok=True)
-    options.out.write_text(text, encoding='utf-8')
+    options.out.write_text(reference.markdown(described), encoding='utf-8')
 
 
 def main():

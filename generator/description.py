@@ -17,7 +17,8 @@ KINDS = {
     MIRROR: [READ_ONLY, 'VAR_FLAG_AUTO_VALUE_MIRROR'],
     LIVE: [READ_ONLY, 'VAR_FLAG_LIVE_READ'],
 }
-ALWAYS = {'name', 'kind', 'unit', 'help', 'only'}
+ALWAYS = {'name', 'kind', 'unit', 'help', 'level', 'only'}
+LEVELS = ('basic', 'expert')
 KEYS = {
     SETTING: {'type', 'range', 'items', 'auto', 'register', 'bits', 'write', 'then'},
     READOUT: {'type', 'range', 'register', 'bits'},
@@ -114,8 +115,9 @@ def models(path):
     return _Reader(Path(path)).models()
 
 
-def load(path, model):
-    return _Loader(_Reader(Path(path)), model).load()
+def load(path, model, explained=False):
+    """The description of a model. Where it is to be explained, each variable and action has a help text and a level."""
+    return _Loader(_Reader(Path(path)), model, explained).load()
 
 
 class _Reader:
@@ -191,9 +193,10 @@ def _is_number(value):
 
 
 class _Loader:
-    def __init__(self, reader, model):
+    def __init__(self, reader, model, explained):
         self.reader = reader
         self.model = model
+        self.explained = explained
 
     def fail(self, line, message):
         self.reader.fail(line, message)
@@ -298,14 +301,23 @@ class _Loader:
                 self.fail(line, f'"{name}" has the unknown kind "{kind}"')
             for key in row.keys() - ALWAYS - KEYS[kind]:
                 self.fail(line, f'"{name}" is a {kind} and has no "{key}"')
-            for key in ('unit', 'help'):
-                if not isinstance(row.get(key, ''), str):
-                    self.fail(line, f'"{key}" of "{name}" is not a text')
+            self.check_meaning(line, row)
             if kind == ACTION:
                 actions.append(self.load_action(line, row))
             else:
                 variables.append(self.load_variable(line, row, by_address))
         return variables, actions
+
+    def check_meaning(self, line, row):
+        name = row['name']
+        for key in ('unit', 'help'):
+            if not isinstance(row.get(key, ''), str):
+                self.fail(line, f'"{key}" of "{name}" is not a text')
+        if 'level' in row and row['level'] not in LEVELS:
+            self.fail(line, f'the level of "{name}" is none of {", ".join(LEVELS)}')
+        for key in ('help', 'level'):
+            if self.explained and not row.get(key):
+                self.fail(line, f'"{name}" has no {key}')
 
     def load_action(self, line, row):
         name = row['name']

@@ -1,6 +1,4 @@
-"""The reference of all variables and actions, as Markdown and as a C++ table for the command-line program."""
-import json
-
+"""The reference of all variables and actions, as Markdown."""
 from description import ACTION, COMPUTED, LIVE, MIRROR, READOUT, SETTING
 
 KIND_TEXTS = {SETTING: '', READOUT: 'register readout', COMPUTED: 'computed', MIRROR: 'automatic value of another',
@@ -20,27 +18,6 @@ def markdown(descriptions):
         parts.append('\n| Action | Number on the chip | Meaning |\n|---|---|---|\n')
         parts += [_row([a.name, str(a.entry.get('strobe', '')), _action_text(a)]) for a in description.actions]
     return ''.join(parts)
-
-
-def help_table(descriptions):
-    """Rows of (model, variable, unit, meaning) for those that have a unit or a meaning."""
-    rows = []
-    for description in descriptions:
-        for entry in [*description.variables, *description.actions]:
-            unit, meaning = _text(entry, 'unit'), _text(entry, 'help')
-            if unit or meaning:
-                rows.append('    {' + ', '.join(json.dumps(t) for t in (description.model, entry.name, unit, meaning)) +
-                            '},\n')
-    return f'''// Generated from the descriptions: change those, not this.
-#pragma once
-
-struct VariableHelp {{
-  const char *model, *name, *unit, *meaning;
-}};
-
-inline constexpr VariableHelp kVariableHelp[] = {{
-{"".join(rows)}}};
-'''
 
 
 def _row(cells):
