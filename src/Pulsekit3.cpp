@@ -9,6 +9,7 @@
 #include "module/module.h"
 #include "support/QTX_Handle.h"
 #include "support/QTX_StackTrace.h"
+#include "support/handle_state.h"
 #include "support/trace.h"
 #include "support/vars.h"
 
@@ -35,6 +36,10 @@ int32_t QTX_InitHandle(QTX_Handle **handle_out) {
   if (!handle || !info) return kOutOfMemory;
   QTX_StackTraceInit(&handle->error, nullptr);
   if (!handle->error) return kOutOfMemory;
+  if (!createHandleState(handle.get())) {
+    QTX_StackTraceFree(&handle->error);
+    return kOutOfMemory;
+  }
   handle->connection_info = info.release();
   *handle_out = handle.release();
   return kSuccess;
@@ -43,6 +48,7 @@ int32_t QTX_InitHandle(QTX_Handle **handle_out) {
 int32_t QTX_FreeHandle(QTX_Handle **handle_slot) {
   if (!handle_slot || !*handle_slot) return kSuccess;
   QTX_Handle *handle = *handle_slot;
+  destroyHandleState(handle);
   QTX_StackTraceFree(&handle->error);
   delete handle->connection_info;
   if (handle->frame_log) std::fclose(handle->frame_log);

@@ -59,14 +59,17 @@ constexpr ErrorText kTexts[] = {
     {kUnknownAction, "Unknown action"},
     {kVariableReadOnly, "Variable is read only"},
     {kIllegalValue, "Illegal value for this variable"},
-    {kLastError, "LAST ERROR"},
+    {kCancelled, "Cancelled"},
+    {kWaitedTooLong, "Waited too long"},
+    {kNoStream, "No stream is running"},
+    {kStreamRunning, "A stream is running"},
+    {kNotPossible, "Not possible with these settings"},
 };
 
 }  // namespace
 
 extern "C" const char *GetErrorMessage(int32_t code) {
   for (const ErrorText &entry : kTexts) {
-    if (entry.code >= kLastError) break;
     if (entry.code == code) return entry.text;
   }
   return "NO ERROR MESSAGE AVAILABLE";

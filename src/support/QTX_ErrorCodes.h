@@ -54,6 +54,11 @@ enum ErrorCode : int32_t {
   kVariableReadOnly = 1285,
   kIllegalValue = 1286,
   kLastError = 1287,  // end marker, never reported
+  kCancelled = 1537,
+  kWaitedTooLong = 1538,
+  kNoStream = 1539,
+  kStreamRunning = 1540,
+  kNotPossible = 1541,
 };
 
 }  // namespace pulsekit

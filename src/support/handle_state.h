@@ -1,0 +1,78 @@
+// What the library keeps with a handle beyond the record that hosts see: whether the call in progress is to end, how
+// long it may wait, and what belongs to an open radar. Handles of QTX_InitHandle have a state; a record that a host has
+// made itself has none, and its calls can be neither cancelled nor limited.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+#include "Pulsekit3.h"
+
+namespace pulsekit {
+
+// Something that goes with the handle; its kind is its owner's secret.
+class HandlePart {
+ public:
+  virtual ~HandlePart() = default;
+};
+
+// Used by the handle's thread, except for what cancelCall guards.
+struct HandleState {
+  std::unique_ptr<HandlePart> stream;  // freed when the radar is closed
+  std::unique_ptr<HandlePart> advice;
+  int32_t wait_limit_ms = 0;  // of waits that have no limit of their own; 0: none
+  bool lost = false;          // the bridge failed as one that is gone does
+
+  // ---- The call in progress ----
+  int32_t depth = 0;
+  std::atomic<bool> cancelled = false;
+  int32_t ended = 0;         // the code that ended a wait of this call
+  uint64_t grace_until = 0;  // us: what puts things in order behind that may wait until then
+};
+
+// False when memory is short. Destroying a state that is not there does nothing.
+bool createHandleState(const QTX_Handle *handle);
+void destroyHandleState(const QTX_Handle *handle);
+
+// Null where there is none; valid until the handle is freed.
+HandleState *stateOf(const QTX_Handle *handle);
+
+// From any thread: ends the wait of the call in progress; without one nothing happens. False where there is no state.
+bool cancelCall(const QTX_Handle *handle);
+
+// Stands in every exported function that may wait. They may call each other: the outermost one is the call that a
+// cancel ends, and no cancel outlives it.
+class CallScope {
+ public:
+  explicit CallScope(const QTX_Handle *handle);
+  ~CallScope();
+  CallScope(const CallScope &) = delete;
+  CallScope &operator=(const CallScope &) = delete;
+  // The code of a call whose last step gave `code`: where a wait was ended and nobody passed it on, that code.
+  int32_t result(int32_t code) const { return code == 0 && state_ ? state_->ended : code; }
+
+ private:
+  HandleState *state_;
+};
+
+// How long a wait that starts now may last.
+class Deadline {
+ public:
+  explicit Deadline(const QTX_Handle *handle);               // the handle's wait limit
+  Deadline(const QTX_Handle *handle, int64_t milliseconds);  // -1: no limit
+
+ private:
+  friend int32_t waitCheck(const QTX_Handle *handle, Deadline &deadline);
+  HandleState *state_;
+  uint64_t end_;  // us; 0: none
+};
+
+// To be asked at every turn of a wait: 0, 1537 once the call is cancelled, 1538 behind the deadline. A call whose wait
+// was ended has a moment left for waits that put things in order, then these end with the same code.
+int32_t waitCheck(const QTX_Handle *handle, Deadline &deadline);
+
+// Sleeps; ends within a millisecond or two when the call is cancelled.
+void pauseWait(const QTX_Handle *handle, uint32_t milliseconds);
+
+}  // namespace pulsekit
