@@ -7,7 +7,7 @@
 
 #include "Pulsekit3.h"
 #include "Pulsekit3_radars.h"
-#include "support/Pulsekit3_helpers.h"
+#include "calls.h"
 #include "support/numbers.h"
 
 using namespace pulsekit;

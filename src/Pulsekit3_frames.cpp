@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "Pulsekit3.h"
-#include "support/Pulsekit3_helpers.h"
+#include "calls.h"
 #include "support/numbers.h"
 
 using namespace pulsekit;

@@ -1,6 +1,6 @@
 // Direct access to chip registers, pins, the SPI bus, the interface log and the timing measurement's data.
 #include "Pulsekit3.h"
-#include "support/Pulsekit3_helpers.h"
+#include "calls.h"
 
 using namespace pulsekit;
 

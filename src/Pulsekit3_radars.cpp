@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "Pulsekit3.h"
+#include "calls.h"
 #include "platform/platform.h"
-#include "support/Pulsekit3_helpers.h"
 
 using namespace pulsekit;
 

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "Pulsekit3.h"
+#include "calls.h"
 #include "platform/platform.h"
-#include "support/Pulsekit3_helpers.h"
 #include "support/numbers.h"
 
 using namespace pulsekit;

@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "Pulsekit3.h"
-#include "support/Pulsekit3_helpers.h"
+#include "calls.h"
 #include "support/numbers.h"
 
 using namespace pulsekit;

@@ -88,6 +88,8 @@ QTX_API int32_t interfaceUnlock(InterfaceHandle *bridge);
 /* The record that failures of a bus sequence on this handle go to: the owner's, else the one given at creation. */
 QTX_StackTrace *interfaceErrorRecord(const InterfaceHandle *bridge);
 bool interfaceHasDevice(const InterfaceHandle *bridge);
+/* The driver that a module handle runs, by which pins and channels are chosen; the module layer answers. */
+const char *moduleDriverName(const struct ModuleHandle *module);
 
 /* Holds the handle's lock for a scope; a null handle is fine. */
 class InterfaceLock {

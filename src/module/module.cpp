@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "../interface/interface.h"
 #include "../support/QTX_Handle.h"
 #include "../support/list.h"
 #include "../support/trace.h"
@@ -95,6 +96,8 @@ void forgetPinMaps(const QTX_Handle *owner) {
 }
 
 }  // namespace
+
+const char *moduleDriverName(const ModuleHandle *module) { return module->driver_name; }
 
 extern "C" {
 

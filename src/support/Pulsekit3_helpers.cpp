@@ -1,7 +1,6 @@
 #include "Pulsekit3_helpers.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 
 static constexpr const char kSource[] = "src/support/Pulsekit3_helpers";
@@ -9,11 +8,6 @@ static constexpr const char kSource[] = "src/support/Pulsekit3_helpers";
 namespace pulsekit {
 
 namespace {
-
-std::array<VariableSet *, 3> setsInLookupOrder(const QTX_Handle *handle) {
-  return {handle->chip ? handle->chip->variables : nullptr, handle->module ? handle->module->variables : nullptr,
-          handle->interface_handle ? handle->interface_handle->variables : nullptr};
-}
 
 template <size_t capacity>
 void copyField(char (&field)[capacity], std::string_view text, size_t start = 0) {
@@ -24,26 +18,24 @@ void copyField(char (&field)[capacity], std::string_view text, size_t start = 0)
 
 }  // namespace
 
-int32_t recordedCode(const QTX_Handle *handle, int32_t code) {
-  return handle->error && handle->error->code != kSuccess ? handle->error->code : code;
-}
-
-int32_t findVariable_ByName(QTX_Handle *handle, const char *name, Variable **variable, VariableSet **set) {
-  for (VariableSet *candidate : setsInLookupOrder(handle)) {
+int32_t findVariable_ByName(const LookupOrder &sets, QTX_StackTrace *record, const char *name, Variable **variable,
+                            VariableSet **set) {
+  for (VariableSet *candidate : sets) {
     *variable = candidate ? varNamed(candidate, name) : nullptr;
     *set = candidate;
     if (*variable) return kSuccess;
   }
-  return origin(handle->error, HERE_AT(124), kUnknownVariable, name);
+  return origin(record, HERE_AT(124), kUnknownVariable, name);
 }
 
-int32_t findAction_ByName(QTX_Handle *handle, const char *name, VarAction **action, VariableSet **set) {
-  for (VariableSet *candidate : setsInLookupOrder(handle)) {
+int32_t findAction_ByName(const LookupOrder &sets, QTX_StackTrace *record, const char *name, VarAction **action,
+                          VariableSet **set) {
+  for (VariableSet *candidate : sets) {
     *action = candidate ? varActionNamed(candidate, name) : nullptr;
     *set = candidate;
     if (*action) return kSuccess;
   }
-  return origin(handle->error, HERE, kUnknownAction, name);
+  return origin(record, HERE, kUnknownAction, name);
 }
 
 int32_t connectionStringToConnectionInfo(const char *text, ConnectionInfo *info) {

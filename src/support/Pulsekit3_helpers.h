@@ -1,59 +1,28 @@
-// What the exported functions share: the checks that open each of them, lookup of names across the layers of an open
-// radar, connection strings, and texts in buffers of the host.
+// Building blocks of the exported functions: lookup of names across variable sets, connection strings, texts in buffers
+// of the host.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string_view>
 
-#include "../chip/chip.h"
-#include "../interface/interface.h"
-#include "../module/module.h"
 #include "QTX_Handle.h"
 #include "trace.h"
 #include "vars.h"
 
 namespace pulsekit {
 
-// ---- Checks: first the handle and the arguments, then the layer and its operation. A failure is recorded. ----
+// ---- Lookup ----
 
-// 1025 without a handle, 1 when an argument is null.
-template <typename... Pointers>
-int32_t checkCall(const QTX_Handle *handle, TracePoint at, Pointers... arguments) {
-  if (!handle) return kRadarNotInitialized;
-  if (!((arguments != nullptr) && ...)) return origin(handle->error, at, kError);
-  return kSuccess;
-}
-
-// 770 without a chip that has the operation.
-template <typename Operation>
-int32_t checkChip(const QTX_Handle *handle, TracePoint at, Operation ChipOperations::*operation) {
-  if (handle->chip && handle->chip->operations.*operation) return kSuccess;
-  return origin(handle->error, at, kChipNotInitialized);
-}
-
-// 514 without a module that has the operation.
-template <typename Operation>
-int32_t checkModule(const QTX_Handle *handle, TracePoint at, Operation ModuleHandle::*operation) {
-  if (handle->module && handle->module->*operation) return kSuccess;
-  return origin(handle->error, at, kModuleNotInitialized);
-}
-
-// 269 without an interface that has the operation.
-template <typename Operation>
-int32_t checkInterface(const QTX_Handle *handle, TracePoint at, Operation InterfaceHandle::*operation) {
-  if (handle->interface_handle && handle->interface_handle->*operation) return kSuccess;
-  return origin(handle->error, at, kInterfaceNotInitialized);
-}
-
-// The code that the handle's record holds after a failure with this code.
-int32_t recordedCode(const QTX_Handle *handle, int32_t code);
-
-// ---- Lookup: the chip first, then the module, then the interface ----
+// The sets in which a name is looked up, first to last; null where a layer has none.
+using LookupOrder = std::array<VariableSet *, 3>;
 
 // 1283 with the name as detail.
-int32_t findVariable_ByName(QTX_Handle *handle, const char *name, Variable **variable, VariableSet **set);
+int32_t findVariable_ByName(const LookupOrder &sets, QTX_StackTrace *record, const char *name, Variable **variable,
+                            VariableSet **set);
 // 1284 with the name as detail.
-int32_t findAction_ByName(QTX_Handle *handle, const char *name, VarAction **action, VariableSet **set);
+int32_t findAction_ByName(const LookupOrder &sets, QTX_StackTrace *record, const char *name, VarAction **action,
+                          VariableSet **set);
 
 // ---- Connection strings ----
 

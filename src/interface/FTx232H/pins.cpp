@@ -1,7 +1,6 @@
 // Pins and SPI channels: from the identifiers that callers use to the sixteen pins of the bridge.
 #include <cstring>
 
-#include "../../module/module.h"
 #include "../../support/QTX_Handle.h"
 #include "../../support/trace.h"
 #include "FTx232H_private.h"
@@ -40,7 +39,7 @@ constexpr ModulePins kModules[] = {
 constexpr ModulePins kUnknownModulePins = {"", kNothing, kNothing};
 
 const ModulePins &pinsOfModule(const QTX_Handle *owner) {
-  const char *name = owner && owner->module ? owner->module->driver_name : kModules[0].module_driver;
+  const char *name = owner && owner->module ? moduleDriverName(owner->module) : kModules[0].module_driver;
   for (const ModulePins &module : kModules) {
     if (name && std::strcmp(module.module_driver, name) == 0) return module;
   }
