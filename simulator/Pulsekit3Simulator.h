@@ -5,6 +5,14 @@
  *   QTXSim_AddRadar("FT0001AB", "Radar", QTXSIM_FT232H, "QTX-K245", "QTX3701");
  *   FTx232H_SetD2XX(QTXSim_D2XX());
  *
+ * It is a bridge library, too: it exports the thirteen functions under their D2XX names, so that any program runs on it
+ * unchanged that is started with PULSEKIT3_BRIDGE_LIBRARY naming this library. Unless radars were added before, the first
+ * such call plugs in one FT232H, serial number SIM00001, with a QTX-K245 and a QTX3701; the record is off. From the
+ * environment:
+ *   PULSEKIT3_SCENE            a scene file (QTXSim_LoadScene); none: the scene that a chip sees until one is set
+ *   PULSEKIT3_SIMULATED_TIME   real (the default: calls take as long as on hardware), host, or deterministic (quick)
+ * A wrong one of them refuses the library: FTx232H_DescribeBridgeLibraries tells why.
+ *
  * Rules
  *  1. There is one bench in a process. A lock guards it; functions that hand out pointers say how long these stay valid.
  *  2. A device is a number counted from 0 in the order of adding. Functions on a device return 0, or -1 where the device

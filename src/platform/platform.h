@@ -46,9 +46,12 @@ class SharedLibrary {
   explicit operator bool() const { return module_ != nullptr; }
   // Null when there is none. An ordinal other than 0 must name the same function where the system has ordinals.
   void *find(const char *name, uint16_t ordinal = 0) const;
+  // Why it could not be loaded, in the system's words.
+  const char *failure() const { return failure_; }
 
  private:
   void *module_;
+  char failure_[512] = "";
 };
 
 // The local time as the standard ctime text, "Fri May 17 09:04:31 2013\n"; at least 26 characters.

@@ -1,10 +1,21 @@
 #include <dlfcn.h>
 
+#include <cstdio>
+#include <cstring>
+
 #include "../platform.h"
 
 namespace pulsekit::platform {
 
-SharedLibrary::SharedLibrary(const char *file_name) : module_(dlopen(file_name, RTLD_NOW | RTLD_LOCAL)) {}
+SharedLibrary::SharedLibrary(const char *file_name) : module_(dlopen(file_name, RTLD_NOW | RTLD_LOCAL)) {
+  if (module_) return;
+  const char *reason = dlerror();
+  if (!reason) return;
+  // "<file>: reason": the caller knows the file.
+  const size_t length = std::strlen(file_name);
+  if (std::strncmp(reason, file_name, length) == 0 && std::strncmp(reason + length, ": ", 2) == 0) reason += length + 2;
+  std::snprintf(failure_, sizeof failure_, "%s", reason);
+}
 
 SharedLibrary::~SharedLibrary() {
   if (module_) dlclose(module_);

@@ -1,6 +1,7 @@
 #define WIN32_LEAN_AND_MEAN
 #include <windows.h>
 
+#include <cstdio>
 #include <cstring>
 
 #include "../platform.h"
@@ -20,7 +21,10 @@ void *address(FARPROC function) {
 
 }  // namespace
 
-SharedLibrary::SharedLibrary(const char *file_name) : module_(LoadLibraryA(file_name)) {}
+SharedLibrary::SharedLibrary(const char *file_name) : module_(LoadLibraryA(file_name)) {
+  if (!module_)
+    std::snprintf(failure_, sizeof failure_, "system error %lu", static_cast<unsigned long>(GetLastError()));
+}
 
 SharedLibrary::~SharedLibrary() {
   if (module_) FreeLibrary(handle(module_));

@@ -1,5 +1,9 @@
-// Loading the vendor's library. Each test needs a process of its own, with the library that its name says on the path.
+// Loading a bridge library. Each test needs a process of its own, with the library that its name says on the path or
+// named by the environment.
 #include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
 
 #include "interface/FTx232H/FTx232H.h"
 #include "support/QTX_Handle.h"
@@ -33,6 +37,19 @@ TEST_F(VendorLibrary, Complete) {
   EXPECT_EQ(interfaceIO_GetValue(bridge, 5, &value), 0);
   EXPECT_EQ(value, 1u);
   EXPECT_EQ(interfaceDisconnect(bridge), 0);
+}
+
+// What the environment names decides alone: with EXPECTED_LIST empty nothing is found, although the vendor's is there.
+TEST_F(VendorLibrary, Named) {
+  const std::string expected = std::getenv("EXPECTED_LIST");
+  EXPECT_EQ(FTx232H_ListDevices(bridge, list, sizeof list), expected.empty() ? 259 : 0);
+  EXPECT_EQ(list, expected);
+  char text[512];
+  EXPECT_EQ(FTx232H_DescribeBridgeLibraries(text, sizeof text), 0);
+  const std::string start = std::string(std::getenv("PULSEKIT3_BRIDGE_LIBRARY")) + " (PULSEKIT3_BRIDGE_LIBRARY): ";
+  EXPECT_EQ(text, start + std::getenv("EXPECTED_REPORT") + '\n');
+  EXPECT_EQ(FTx232H_DescribeBridgeLibraries(text, 8), 2);
+  EXPECT_EQ(text, start.substr(0, 7));
 }
 
 TEST_F(VendorLibrary, Crippled) {

@@ -67,6 +67,21 @@ typedef struct FTx232H_D2XX {
    table they were opened with. An empty slot answers FT_NOT_SUPPORTED. Returns 0. */
 QTX_API int32_t FTx232H_SetD2XX(const FTx232H_D2XX *functions);
 
+/*
+ * Without a table of the host the library loads one, when a bridge is listed or opened for the first time in the process:
+ * the one that the environment variable PULSEKIT3_BRIDGE_LIBRARY names and no other, else the vendor's (libftd2xx.so;
+ * FTD2XX.dll on Windows). It must export the thirteen functions as FT_Close, FT_Read, ...: if one is missing it is
+ * refused as a whole. A library may also export
+ *     const char *FTx232H_LibraryFault(void);
+ * which is asked once after loading: null, or the reason why it can't serve, which refuses it.
+ */
+
+/* Writes which library serves or why none does, a line for each that was looked for: "<library>: loaded\n",
+   "<library>: not loaded: <the system's reason>\n", "<library>: refused: <reason>\n", or
+   "table of the host (FTx232H_SetD2XX): in use\n". Loads the library where that is still to be done. Returns 0, 1 for no
+   buffer, or 2 when the text was cut at size - 1 characters. Any thread may call it. */
+QTX_API int32_t FTx232H_DescribeBridgeLibraries(char *text, int32_t size);
+
 #ifdef __cplusplus
 }
 #endif

@@ -1,5 +1,7 @@
 #include "provider.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -20,36 +22,42 @@ constexpr char kVendorLibrary[] = "FTD2XX.dll";
 constexpr char kVendorLibrary[] = "libftd2xx.so";
 #endif
 
-template <typename Function>
-bool resolve(const SharedLibrary &library, const char *name, uint16_t ordinal, Function &slot) {
-  slot = reinterpret_cast<Function>(library.find(name, ordinal));
-  return slot != nullptr;
-}
+constexpr char kNamedLibrary[] = "PULSEKIT3_BRIDGE_LIBRARY";
+constexpr char kFault[] = "FTx232H_LibraryFault";
 
-bool resolveAll(const SharedLibrary &library, FTx232H_D2XX &table) {
-  return resolve(library, "FT_Close", 2, table.Close) && resolve(library, "FT_Read", 3, table.Read) &&
-         resolve(library, "FT_Write", 4, table.Write) && resolve(library, "FT_ResetDevice", 6, table.ResetDevice) &&
-         resolve(library, "FT_SetTimeouts", 17, table.SetTimeouts) &&
-         resolve(library, "FT_GetQueueStatus", 18, table.GetQueueStatus) &&
-         resolve(library, "FT_OpenEx", 27, table.OpenEx) && resolve(library, "FT_ListDevices", 28, table.ListDevices) &&
-         resolve(library, "FT_SetLatencyTimer", 29, table.SetLatencyTimer) &&
-         resolve(library, "FT_SetBitMode", 31, table.SetBitMode) &&
-         resolve(library, "FT_SetUSBParameters", 33, table.SetUSBParameters) &&
-         resolve(library, "FT_CreateDeviceInfoList", 70, table.CreateDeviceInfoList) &&
-         resolve(library, "FT_GetDeviceInfoList", 71, table.GetDeviceInfoList);
-}
+// Fills the table; remembers the first function that the library lacks.
+class Resolver {
+ public:
+  Resolver(const SharedLibrary &library, bool by_ordinal) : library_(library), by_ordinal_(by_ordinal) {}
 
-// Once loaded, the library stays: a host may close devices while the process ends.
-struct Vendor {
-  const SharedLibrary *library;
-  FTx232H_D2XX table;
+  template <typename Function>
+  void operator()(const char *name, uint16_t ordinal, Function &slot) {
+    slot = reinterpret_cast<Function>(library_.find(name, by_ordinal_ ? ordinal : uint16_t{0}));
+    if (!slot && !missing_) missing_ = name;
+  }
+  const char *missing() const { return missing_; }
+
+ private:
+  const SharedLibrary &library_;
+  bool by_ordinal_;
+  const char *missing_ = nullptr;
 };
 
-Vendor loadVendorLibrary() {
-  std::unique_ptr<SharedLibrary> library(new (std::nothrow) SharedLibrary(kVendorLibrary));
-  FTx232H_D2XX table{};
-  if (!library || !*library || !resolveAll(*library, table)) return {nullptr, unavailable()};
-  return {library.release(), table};
+const char *resolveAll(Resolver resolve, FTx232H_D2XX &table) {
+  resolve("FT_Close", 2, table.Close);
+  resolve("FT_Read", 3, table.Read);
+  resolve("FT_Write", 4, table.Write);
+  resolve("FT_ResetDevice", 6, table.ResetDevice);
+  resolve("FT_SetTimeouts", 17, table.SetTimeouts);
+  resolve("FT_GetQueueStatus", 18, table.GetQueueStatus);
+  resolve("FT_OpenEx", 27, table.OpenEx);
+  resolve("FT_ListDevices", 28, table.ListDevices);
+  resolve("FT_SetLatencyTimer", 29, table.SetLatencyTimer);
+  resolve("FT_SetBitMode", 31, table.SetBitMode);
+  resolve("FT_SetUSBParameters", 33, table.SetUSBParameters);
+  resolve("FT_CreateDeviceInfoList", 70, table.CreateDeviceInfoList);
+  resolve("FT_GetDeviceInfoList", 71, table.GetDeviceInfoList);
+  return resolve.missing();
 }
 
 template <typename... Arguments>
@@ -79,6 +87,44 @@ FTx232H_D2XX completed(FTx232H_D2XX table) {
   return table;
 }
 
+// What became of the search for a library. Texts have fixed sizes: searching must not run out of memory.
+struct Search {
+  FTx232H_D2XX table = completed({});
+  char report[2048] = "";
+};
+
+void load(Search &search, const char *file_name, bool named) {
+  std::unique_ptr<SharedLibrary> library(new (std::nothrow) SharedLibrary(file_name));
+  FTx232H_D2XX table{};
+  const auto report = [&](const char *outcome, const char *detail) {
+    std::snprintf(search.report, sizeof search.report, "%s%s%s%s: %s%s\n", file_name, named ? " (" : "",
+                  named ? kNamedLibrary : "", named ? ")" : "", outcome, detail);
+  };
+  if (!library || !*library) return report("not loaded: ", library ? library->failure() : "out of memory");
+  // The ordinals are the vendor's own.
+  if (const char *missing = resolveAll({*library, !named}, table)) return report("refused: it lacks ", missing);
+  const auto fault = reinterpret_cast<const char *(*)()>(library->find(kFault));
+  if (const char *text = fault ? fault() : nullptr) return report("refused: ", text);
+  report("loaded", "");
+  search.table = table;
+  // Once loaded, the library stays: a host may close devices while the process ends.
+  static_cast<void>(library.release());
+}
+
+// A library that the user names is the one to use or none: no radar on the desk answers for a simulated one.
+Search searchLibrary() {
+  Search search;
+  const char *named = std::getenv(kNamedLibrary);
+  const bool is_named = named && named[0] != '\0';
+  load(search, is_named ? named : kVendorLibrary, is_named);
+  return search;
+}
+
+const Search &search() {
+  static const Search result = searchLibrary();
+  return result;
+}
+
 std::mutex host_table_mutex;
 std::optional<FTx232H_D2XX> host_table;
 
@@ -93,8 +139,7 @@ FTx232H_D2XX unavailable() { return completed({}); }
 
 FTx232H_D2XX current() {
   if (const auto table = hostTable()) return *table;
-  static const Vendor vendor = loadVendorLibrary();
-  return vendor.table;
+  return search().table;
 }
 
 }  // namespace pulsekit::d2xx
@@ -104,4 +149,11 @@ extern "C" int32_t FTx232H_SetD2XX(const FTx232H_D2XX *functions) {
   const std::lock_guard guard(d2xx::host_table_mutex);
   d2xx::host_table = functions ? std::optional(d2xx::completed(*functions)) : std::nullopt;
   return kSuccess;
+}
+
+extern "C" int32_t FTx232H_DescribeBridgeLibraries(char *text, int32_t size) {
+  using namespace pulsekit;
+  if (!text || size <= 0) return kError;
+  const char *report = d2xx::hostTable() ? "table of the host (FTx232H_SetD2XX): in use\n" : d2xx::search().report;
+  return std::snprintf(text, static_cast<size_t>(size), "%s", report) < size ? kSuccess : kBufferTooSmall;
 }

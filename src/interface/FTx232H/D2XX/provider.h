@@ -5,8 +5,8 @@
 
 namespace pulsekit::d2xx {
 
-// For a connection or a listing that starts now: the host's table, else the vendor's library, which is loaded at the
-// first call, else `unavailable()`.
+// For a connection or a listing that starts now: the host's table, else that of the library that the environment names
+// or of the vendor's, which is loaded at the first call, else `unavailable()`.
 FTx232H_D2XX current();
 
 // A table whose calls all fail: what a device that is not open answers, too.
