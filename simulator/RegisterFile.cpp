@@ -112,6 +112,7 @@ void RegisterFile::set(uint8_t address, uint64_t mask, uint64_t value, uint64_t 
     later.mask &= ~mask;
     later.value &= ~mask;
   }
+  std::erase_if(later_, [](const Later &later) { return later.mask == 0; });
   uint64_t &stored = values_[address & 0x7F];
   stored = (stored & ~mask) | (value & mask);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -33,6 +34,8 @@ class RegisterFile {
   // bits.
   void set(uint8_t address, uint64_t mask, uint64_t value, uint64_t now);
   void setLater(uint8_t address, uint64_t mask, uint64_t value, uint64_t due, uint64_t now);
+
+  size_t updatesToCome() const { return later_.size(); }
 
   // Bits of mask read as those of value from now on, whatever is written. Survives a reset; mask 0 repairs.
   void stick(uint8_t address, uint64_t mask, uint64_t value);

@@ -16,6 +16,36 @@ namespace pulsekit::simulator {
 
 namespace {
 
+// Where a comment or a text that begins here ends, else the next character.
+size_t pastCommentOrText(std::string_view text, size_t at) {
+  const char first = text[at];
+  if (first == '#') return std::min(text.find('\n', at), text.size());
+  if (first != '"' && first != '\'') return at + 1;
+  const bool escapes = first == '"';
+  const bool block = text.substr(at + 1, 2) == std::string(2, first);
+  for (at += block ? 3 : 1; at < text.size(); ++at) {
+    if (text[at] == '\\' && escapes) {
+      ++at;
+    } else if (text[at] == '\n' && !block) {
+      return at;
+    } else if (text[at] == first && (!block || text.substr(at, 3) == std::string(3, first))) {
+      // A block may end in quotes of its own.
+      return block ? std::min(text.find_first_not_of(first, at), text.size()) : at + 1;
+    }
+  }
+  return text.size();
+}
+
+// The line of the first character that is not ASCII outside comments and texts, 0 without one. The parser takes such
+// characters for parts of names, which they can't be.
+size_t strangeLine(std::string_view text) {
+  for (size_t at = text.substr(0, 3) == "\xEF\xBB\xBF" ? 3 : 0; at < text.size(); at = pastCommentOrText(text, at)) {
+    if (static_cast<unsigned char>(text[at]) < 0x80) continue;
+    return 1 + static_cast<size_t>(std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(at), '\n'));
+  }
+  return 0;
+}
+
 class SceneError : public std::runtime_error {
  public:
   SceneError(const std::string &message, const toml::source_region &place)
@@ -34,8 +64,9 @@ const toml::node &need(const toml::table &table, std::string_view name) {
 }
 
 double number(const toml::node &node, std::string_view name) {
-  if (!node.is_number()) throw SceneError("'" + std::string(name) + "' must be a number", node.source());
-  return *node.value<double>();
+  if (const auto *whole = node.as_integer()) return static_cast<double>(whole->get());  // rounded beyond 2^53
+  if (const auto *real = node.as_floating_point()) return real->get();
+  throw SceneError("'" + std::string(name) + "' must be a number", node.source());
 }
 
 double numberOf(const toml::table &table, std::string_view name) { return number(need(table, name), name); }
@@ -86,6 +117,10 @@ Scene readTable(const toml::table &table) {
 }  // namespace
 
 std::optional<Scene> parseScene(const std::string &text, const std::string &name, std::string &error) {
+  if (const size_t line = strangeLine(text)) {
+    error = name + ": line " + std::to_string(line) + ": only comments and texts may hold characters beyond ASCII";
+    return std::nullopt;
+  }
   try {
     Scene scene = readTable(toml::parse(text));
     const char *fault = sceneFault(scene);

@@ -4,6 +4,7 @@
 #include <random>
 #include <string>
 
+#include "RegisterFile.h"
 #include "chip_bus.h"
 
 using namespace pulsekit::simulator;
@@ -19,6 +20,15 @@ TEST(ChipModels, AnswerTheirIdInTheirByteOrder) {
   EXPECT_EQ(ChipBus("QTX3702").transfer({2, 2}, 2), (Bytes{0x08, 0x03}));
   EXPECT_EQ(ChipBus("QTX3701x").chip, nullptr);
   EXPECT_EQ(ChipBus("").chip, nullptr);
+}
+
+TEST(ChipRegisters, WithdrawnUpdatesAreForgotten) {
+  RegisterFile registers(Generation::second);
+  for (int i = 0; i < 3; ++i) {
+    registers.setLater(0x47, 1, 0, 100, 0);
+    registers.set(0x47, 1, 1, 0);
+  }
+  EXPECT_EQ(registers.updatesToCome(), 0u);
 }
 
 TEST(ChipRegisters, SecondGenerationResetValuesAndFields) {

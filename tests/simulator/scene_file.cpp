@@ -11,7 +11,7 @@ TEST(SceneFile, HoldsNoiseCouplingAndReflectors) {
   std::string error;
   const auto scene = parseScene(R"(
     noise = 12
-    direct_coupling = -300.5
+    direct_coupling = -9007199254740995
     [[reflector]]
     range = 0.8
     strength = 200
@@ -30,7 +30,7 @@ TEST(SceneFile, HoldsNoiseCouplingAndReflectors) {
                                 "room", error);
   ASSERT_TRUE(scene) << error;
   EXPECT_EQ(scene->noise, 12);
-  EXPECT_EQ(scene->directCoupling, -300.5);
+  EXPECT_EQ(scene->directCoupling, -9007199254740996);
   ASSERT_EQ(scene->reflectors.size(), 3u);
   EXPECT_EQ(scene->reflectors[0].strength, 200);
   EXPECT_DOUBLE_EQ(scene->reflectors[0].rangeAt(10), 0.8);
@@ -63,6 +63,11 @@ TEST(SceneFile, FaultsNameTheirPlace) {
       {"[[reflector]]\nrange = 1\nstrength = 1\nmotion = \"speed\"", "room: line 1: 'speed' is missing"},
       {"[[reflector]]\nrange = 1\nstrength = 1\nmotion = \"dance\"",
        "room: line 4: 'motion' must be \"still\", \"speed\" or \"breathing\""},
+      {"noise = 1 # \xC3\xA9\n\"'\" = 1\n\xC3\xA9 = 1",
+       "room: line 3: only comments and texts may hold characters beyond ASCII"},
+      {"a = \"\"\"\xC3\xA9\"\"\"\"\n#\nb = '\\'\xC3\xA9",
+       "room: line 3: only comments and texts may hold characters beyond ASCII"},
+      {"'\xC3\xA9' = \"\\\"\xC3\xA9\"", "room: line 1: unknown key '\xC3\xA9'"},
   };
   for (const Row &row : rows) {
     std::string error;
