@@ -33,7 +33,7 @@ def run(options):
     if options.command == 'sources':
         sources.write(description.load(options.descriptions[0], options.model), options.out)
         return
-    described = [description.load(path, model)
+    described = [description.load(path, model, explained=True)
                  for path in options.descriptions for model in description.models(path)]
     if options.command == 'meaning':
         meaning.write(described, options.out)

@@ -28,7 +28,7 @@ KEYS = {
     ACTION: {'strobe', 'call', 'unsupported', 'nothing'},
 }
 WAYS_TO_ACT = ('strobe', 'call', 'unsupported', 'nothing')
-TOP_LEVEL = {'models', 'source', 'header', 'prefix', 'functions', 'registers', 'table'}
+TOP_LEVEL = {'models', 'source', 'header', 'prefix', 'functions', 'registers', 'table', 'note'}
 INTEGER_MAX = 2**63 - 1
 
 
@@ -105,6 +105,7 @@ class Description:
     actions: list
     symbols: list
     order: list  # variables by level
+    note: str  # on all of its variables
 
     def symbol(self, text):
         return self.symbols.index(text)
@@ -230,7 +231,7 @@ class _Loader:
         self.connect(variables)
         order = sorted(variables, key=lambda v: v.level)  # stable: template order within a level
         return Description(self.model, self.text('source'), self.text('header'), self.text('prefix', ''), functions,
-                           registers, variables, actions, symbols, order)
+                           registers, variables, actions, symbols, order, self.text('note', ''))
 
     # ---- Rows ----
 

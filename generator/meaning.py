@@ -85,6 +85,6 @@ constexpr Meaning kMeanings[] = {{
 def _row(description, entry, action, follows, followed_by):
     texts = entry.entry
     cells = [text_literal(description.model), text_literal(entry.name), action, text_literal(texts.get('unit', '')),
-             text_literal(texts.get('help', 'not documented for this chip')), f'Level::{texts.get("level", "expert")}', text_literal(str(texts.get('auto', ''))), follows,
+             text_literal(texts['help']), f'Level::{texts["level"]}', text_literal(str(texts.get('auto', ''))), follows,
              followed_by]
     return '    {' + ', '.join(cells) + '},\n'

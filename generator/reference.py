@@ -8,24 +8,27 @@ TYPE_TEXTS = {'int': 'integer', 'float': 'float', 'enum': 'enumeration'}
 
 def markdown(descriptions):
     parts = ['# Variables and actions\n\nGenerated from the descriptions of the chips, modules and bridges. '
-             'A setting without a value of its own follows its automatic value.\n']
+             'A setting without a value of its own has its automatic value, which changes with the variables that it '
+             'follows.\n']
     for description in descriptions:
-        parts.append(f'\n## {description.model}\n\n'
-                     '| Variable | Kind | Range or items | Automatic value | Register | Unit | Meaning |\n'
-                     '|---|---|---|---|---|---|---|\n')
-        parts += [_row([v.name, _kind(v), _range(v), _auto(v), _register(v), _text(v, 'unit'), _text(v, 'help')])
+        parts.append(f'\n## {description.model}\n\n' + (f'{description.note}\n\n' if description.note else '') +
+                     _head('Variable', 'Level', 'Kind', 'Unit', 'Range or items', 'Automatic value', 'Follows',
+                           'Followed by', 'Register', 'Meaning'))
+        parts += [_row([v.name, v.entry['level'], _kind(v), v.entry.get('unit', ''), _range(v), _auto(v),
+                        ', '.join(v.sources), ', '.join(d.name for d in v.dependents), _register(v), v.entry['help']])
                   for v in description.variables]
-        parts.append('\n| Action | Number on the chip | Meaning |\n|---|---|---|\n')
-        parts += [_row([a.name, str(a.entry.get('strobe', '')), _action_text(a)]) for a in description.actions]
+        parts.append('\n' + _head('Action', 'Level', 'Number on the chip', 'Meaning'))
+        parts += [_row([a.name, a.entry['level'], str(a.entry.get('strobe', '')), a.entry['help']])
+                  for a in description.actions]
     return ''.join(parts)
+
+
+def _head(*titles):
+    return _row(titles) + '|' + '---|' * len(titles) + '\n'
 
 
 def _row(cells):
     return '| ' + ' | '.join(cell.replace('|', '\\|') for cell in cells) + ' |\n'
-
-
-def _text(entry, key):
-    return entry.entry.get(key, '')
 
 
 def _kind(variable):
@@ -48,7 +51,3 @@ def _register(variable):
     if not variable.register:
         return ''
     return f'0x{variable.register.address:02x} [{variable.high}:{variable.low}]'
-
-
-def _action_text(action):
-    return 'Not implemented for this chip.' if 'unsupported' in action.entry else _text(action, 'help')
