@@ -1,6 +1,8 @@
 """Reads a description, checks it and works out what follows from it: symbols, evaluation order, dependents, fields."""
+import itertools
 import math
 import re
+import sys
 import tomllib
 from dataclasses import dataclass, field
 from pathlib import Path
@@ -18,6 +20,7 @@ KINDS = {
     LIVE: [READ_ONLY, 'VAR_FLAG_LIVE_READ'],
 }
 ALWAYS = {'name', 'kind', 'unit', 'help', 'level', 'only'}
+TEXTS = ('name', 'kind', 'type', 'unit', 'help', 'level', 'only', 'write', 'read', 'call', 'then')
 LEVELS = ('basic', 'expert')
 KEYS = {
     SETTING: {'type', 'range', 'items', 'auto', 'register', 'bits', 'write', 'then'},
@@ -29,7 +32,8 @@ KEYS = {
 }
 WAYS_TO_ACT = ('strobe', 'call', 'unsupported', 'nothing')
 TOP_LEVEL = {'models', 'source', 'header', 'prefix', 'functions', 'registers', 'table', 'note'}
-INTEGER_MAX = 2**63 - 1
+INVALID_SYMBOL = '(invalid symbol)'
+DEEPEST = 100  # levels of variables that read each other
 
 
 class DescriptionError(Exception):
@@ -130,15 +134,27 @@ class _Reader:
             text = path.read_text(encoding='utf-8')
         except UnicodeDecodeError as error:
             raise DescriptionError(path, path.read_bytes()[:error.start].count(b'\n') + 1, 'not UTF-8') from error
-        self.lines = text.splitlines()
-        try:
-            self.content = tomllib.loads(text)
-        except tomllib.TOMLDecodeError as error:
-            at = re.search(r'at line (\d+)', str(error))
-            raise DescriptionError(path, at[1] if at else len(self.lines), f'not TOML: {error}') from error
+        self.lines = text.split('\n')
+        self.content = self.parse(text)
         for key in self.content:
+            self.check_texts(self.line_of(key), key)
             if key not in TOP_LEVEL:
                 self.fail(self.line_of(key), f'unknown key "{key}"')
+
+    def parse(self, text):
+        try:
+            return tomllib.loads(text)
+        except tomllib.TOMLDecodeError as error:
+            at = re.search(r'at line (\d+)', str(error))
+            raise DescriptionError(self.path, at[1] if at else len(self.lines), f'not TOML: {error}') from error
+        except ValueError as error:
+            digits = re.compile(rf'[\d_]{{{sys.get_int_max_str_digits()}}}')
+            at = next((i for i, line in enumerate(self.lines, 1) if digits.search(line)), 1)
+            raise DescriptionError(self.path, at, 'a number has too many digits') from error
+        except RecursionError as error:
+            depths = list(itertools.accumulate(line.count('[') - line.count(']') + line.count('{') - line.count('}')
+                                               for line in self.lines))
+            raise DescriptionError(self.path, depths.index(max(depths)) + 1, 'nested too deeply') from error
 
     def fail(self, line, message):
         raise DescriptionError(self.path, line, message)
@@ -155,8 +171,8 @@ class _Reader:
 
     def models(self):
         for line, row in self.rows('models'):
-            if not isinstance(row.get('name'), str):
-                self.fail(line, 'a model has a name')
+            if not is_name(row.get('name')):
+                self.fail(line, 'a model has a name of letters, digits and underscores')
         return [row['name'] for row in self.array('models')]
 
     def rows(self, key):
@@ -172,7 +188,17 @@ class _Reader:
                 lines.append(number)
         if len(lines) != len(rows):
             self.fail(start, f'"{key}" has {len(rows)} rows on {len(lines)} lines: each row takes one line of its own')
+        for line, row in zip(lines, rows):
+            self.check_texts(line, row)
         return list(zip(lines, rows))
+
+    def check_texts(self, line, value):
+        """Texts stand in C++ literals and in lists: printable ASCII only."""
+        if isinstance(value, str) and not re.fullmatch('[ -~]*', value):
+            self.fail(line, f'{ascii(value)} has characters outside printable ASCII')
+        if isinstance(value, (list, dict)):
+            for each in value if isinstance(value, list) else [*value.keys(), *value.values()]:
+                self.check_texts(line, each)
 
 
 def _substituted(value, model):
@@ -185,8 +211,12 @@ def _substituted(value, model):
     return value
 
 
+def is_name(value):
+    return isinstance(value, str) and re.fullmatch(r'[A-Za-z_]\w*', value, re.ASCII)
+
+
 def _is_integer(value):
-    return isinstance(value, int) and not isinstance(value, bool)
+    return isinstance(value, int) and not isinstance(value, bool) and abs(value) <= formula.INTEGER_MAX
 
 
 def _is_number(value):
@@ -206,20 +236,38 @@ class _Loader:
         return [(line, _substituted(row, self.model)) for line, row in self.reader.rows(key)]
 
     def text(self, key, default=None):
-        value = self.reader.content.get(key, default)
+        value, line = self.reader.content.get(key, default), self.reader.line_of(key)
         if not isinstance(value, str):
-            self.fail(self.reader.line_of(key), f'"{key}" is missing or not a text')
+            self.fail(line, f'"{key}" is missing or not a text')
+        self.reader.check_texts(line, value)
         return value.replace('{model}', self.model)
+
+    def path(self, key):
+        value = self.text(key)
+        if not re.fullmatch(r'[\w./+-]+', value):
+            self.fail(self.reader.line_of(key), f'"{key}" is no path: {value}')
+        return value
+
+    def prefix(self):
+        value = self.text('prefix', '')
+        if value and not is_name(value):
+            self.fail(self.reader.line_of('prefix'), f'"{value}" can\'t begin a name')
+        return value
 
     def load(self):
         constants = self.load_constants()
         functions = self.load_functions()
         registers = self.load_registers()
         variables, actions = self.load_table(registers)
+        if not variables or not actions:
+            self.fail(self.reader.line_of('table'), f'{self.model} has no variable or no action')
+        for variable in variables:
+            if variable.name in constants:
+                self.fail(variable.line, f'"{variable.name}" is a constant of the model too')
         symbols = self.number_symbols()
         scope = formula.Scope(
             variables={v.name: v for v in variables}, functions=functions, constants=constants,
-            prefix=self.text('prefix', ''))
+            prefix=self.prefix())
         for variable in variables:
             scope.items = {item: symbols.index(item) for item in variable.items}
             self.translate_variable(variable, scope, actions)
@@ -230,8 +278,8 @@ class _Loader:
         self.check_registers(registers)
         self.connect(variables)
         order = sorted(variables, key=lambda v: v.level)  # stable: template order within a level
-        return Description(self.model, self.text('source'), self.text('header'), self.text('prefix', ''), functions,
-                           registers, variables, actions, symbols, order, self.text('note', ''))
+        return Description(self.model, self.path('source'), self.path('header'), scope.prefix, functions, registers,
+                           variables, actions, symbols, order, self.text('note', ''))
 
     # ---- Rows ----
 
@@ -242,8 +290,8 @@ class _Loader:
         line, row = next((line, row) for line, row in self.rows('models') if row['name'] == self.model)
         constants = {key: value for key, value in row.items() if key != 'name'}
         for key, value in constants.items():
-            if not _is_integer(value):
-                self.fail(line, f'constant "{key}" is not an integer')
+            if not is_name(key) or not _is_integer(value):
+                self.fail(line, f'constant "{key}" is not a name with an integer of 64 bits')
         return constants
 
     def load_functions(self):
@@ -252,15 +300,19 @@ class _Loader:
             if set(row) - {'name', 'takes', 'arguments', 'returns'} or 'name' not in row:
                 self.fail(line, 'a function has a name, what it takes, its arguments and what it returns')
             function = Function(row['name'], row.get('takes'), row.get('arguments', []), row.get('returns'))
+            if not is_name(function.name):
+                self.fail(line, 'a function has a name of letters, digits and underscores')
             if function.name in functions:
                 self.fail(line, f'duplicate function "{function.name}"')
             if function.takes not in ('set', 'owner'):
                 self.fail(line, f'function "{function.name}" takes neither set nor owner')
             if function.returns not in formula.RESULTS:
                 self.fail(line, f'function "{function.name}" returns none of {", ".join(formula.RESULTS)}')
+            if not isinstance(function.arguments, list):
+                self.fail(line, f'the arguments of "{function.name}" are no list of types')
             for argument in function.arguments:
-                if argument not in formula.ARGUMENTS:
-                    self.fail(line, f'unknown argument type "{argument}"')
+                if argument not in list(formula.ARGUMENTS):
+                    self.fail(line, f'an argument of "{function.name}" has none of the types {", ".join(formula.ARGUMENTS)}')
             functions[function.name] = function
         return functions
 
@@ -283,6 +335,9 @@ class _Loader:
         """The rows of the table that this model has."""
         names = self.reader.models()
         for line, row in self.rows('table'):
+            for key in TEXTS:
+                if not isinstance(row.get(key, ''), str):
+                    self.fail(line, f'"{key}" is not a text')
             if 'only' in row and row['only'] not in names:
                 self.fail(line, f'unknown model "{row["only"]}"')
             if row.get('only', self.model) == self.model:
@@ -293,7 +348,7 @@ class _Loader:
         variables, actions, names = [], [], set()
         for line, row in self.model_rows():
             name, kind = row.get('name'), row.get('kind')
-            if not isinstance(name, str) or not re.fullmatch(r'[A-Za-z_]\w*', name):
+            if not is_name(name):
                 self.fail(line, f'"{name}" is no name')
             if name in names:
                 self.fail(line, f'duplicate name "{name}"')
@@ -311,9 +366,6 @@ class _Loader:
 
     def check_meaning(self, line, row):
         name = row['name']
-        for key in ('unit', 'help'):
-            if not isinstance(row.get(key, ''), str):
-                self.fail(line, f'"{key}" of "{name}" is not a text')
         if 'level' in row and row['level'] not in LEVELS:
             self.fail(line, f'the level of "{name}" is none of {", ".join(LEVELS)}')
         for key in ('help', 'level'):
@@ -326,7 +378,7 @@ class _Loader:
         if len(ways) != 1:
             self.fail(line, f'action "{name}" has {len(ways)} of {", ".join(WAYS_TO_ACT)}, not 1')
         if 'strobe' in row and (not _is_integer(row['strobe']) or not 0 <= row['strobe'] <= 127):
-            self.fail(line, f'action "{name}" strobes {row["strobe"]}, which is outside 0..127')
+            self.fail(line, f'action "{name}" strobes a number outside 0..127')
         return Action(name, line, row)
 
     def load_variable(self, line, row, registers):
@@ -349,7 +401,8 @@ class _Loader:
         items = variable.entry.get('items')
         if 'range' in variable.entry:
             self.fail(variable.line, f'enumeration "{variable.name}" has a range')
-        if not isinstance(items, list) or not items or not all(isinstance(i, str) and i for i in items):
+        if not isinstance(items, list) or not items or \
+                not all(isinstance(i, str) and i not in ('', INVALID_SYMBOL) for i in items):
             self.fail(variable.line, f'enumeration "{variable.name}" has no items')
         variable.items = items
 
@@ -362,8 +415,8 @@ class _Loader:
             self.fail(variable.line, f'"{variable.name}" has no range of two numbers of its type')
         if limits[0] > limits[1]:
             self.fail(variable.line, f'"{variable.name}" has an empty range')
-        if variable.type == 'int' and not 0 <= limits[0] <= limits[1] <= INTEGER_MAX:
-            self.fail(variable.line, f'the range of "{variable.name}" is outside 0..{INTEGER_MAX}')
+        if variable.type == 'int' and not 0 <= limits[0] <= limits[1] <= formula.INTEGER_MAX:
+            self.fail(variable.line, f'the range of "{variable.name}" is outside 0..{formula.INTEGER_MAX}')
         variable.range = limits
 
     def load_field(self, variable, registers):
@@ -372,7 +425,7 @@ class _Loader:
             self.fail(variable.line, f'"{name}" is real and can\'t be held in a register')
         if 'write' in row:
             self.fail(variable.line, f'"{name}" has both a register and a function that writes it')
-        if row['register'] not in registers:
+        if not _is_integer(row['register']) or row['register'] not in registers:
             self.fail(variable.line, f'"{name}" is held in an unknown register')
         register = registers[row['register']]
         bits = row.get('bits', [8 * register.bytes - 1, 0])
@@ -403,7 +456,7 @@ class _Loader:
 
     def number_symbols(self):
         """Each text once, in order of first appearance."""
-        texts = {'(invalid symbol)': None}
+        texts = {INVALID_SYMBOL: None}
         for _, row in self.model_rows():
             for text in [row['name'], *row.get('items', [])]:
                 texts.setdefault(text)
@@ -476,6 +529,8 @@ class _Loader:
             self.fail(variable.line, f'cycle: {" reads ".join(names)}')
         if variable.level:
             return variable.level
+        if len(path) == DEEPEST:
+            self.fail(variable.line, f'"{variable.name}" ends a chain of {DEEPEST} variables that read each other')
         levels = [self.find_level(by_name[name], by_name, path + [variable]) for name in variable.sources]
         variable.level = 1 + max(levels, default=0)
         return variable.level

@@ -5,10 +5,15 @@ Numbers, item texts, constants of the model, variables and driver functions; + -
 an item's text.
 """
 import ast
+import math
+import operator
 from dataclasses import dataclass, field
 
 ARGUMENTS = {'int16': 'int', 'int32': 'int', 'uint32': 'int', 'int64': 'int', 'float': 'float', 'double': 'float'}
 RESULTS = ('int', 'float', 'code', 'unchecked')
+INTEGER_MAX = 2**63 - 1
+DEEPEST = 100  # nested operations, fewer than what compilers take
+FOLDED = {ast.Add: operator.add, ast.Sub: operator.sub, ast.Mult: operator.mul}
 BINARY = {ast.Add: '+', ast.Sub: '-', ast.Mult: '*', ast.Div: '/', ast.LShift: '<<', ast.RShift: '>>'}
 COMPARISONS = {ast.Eq: '==', ast.NotEq: '!=', ast.Lt: '<', ast.LtE: '<=', ast.Gt: '>', ast.GtE: '>='}
 
@@ -22,7 +27,7 @@ class Expression:
     """C++ text and its type: int, float, condition, item, or what a driver function returns."""
     code: str
     type: str
-    number: int = None  # of an integer literal
+    number: int = None  # of an integer that is known now
 
 
 @dataclass
@@ -44,7 +49,7 @@ class Translation:
 def translate(text, scope):
     try:
         tree = ast.parse(text, mode='eval').body
-    except (SyntaxError, ValueError) as error:
+    except (SyntaxError, ValueError, RecursionError, MemoryError) as error:
         raise FormulaError(f'formula "{text}" is not an expression') from error
     translator = _Translator(scope)
     return Translation(translator.visit(tree), translator.sources)
@@ -55,7 +60,7 @@ def integer_literal(value):
 
 
 def commented(number, text):
-    return f'{number} /* {text.replace("*/", "")} */'
+    return f'{number} /* {text.replace("*", "")} */'
 
 
 def float_literal(value):
@@ -80,10 +85,25 @@ def as_integer(expression):
     raise FormulaError('expected a number')
 
 
+def _bounded(number):
+    if abs(number) > INTEGER_MAX:
+        raise FormulaError('a number is too large')
+    return number
+
+
 class _Translator(ast.NodeVisitor):
     def __init__(self, scope):
         self.scope = scope
         self.sources = []
+        self.depth = 0
+
+    def visit(self, node):
+        if self.depth == DEEPEST:
+            raise FormulaError(f'more than {DEEPEST} operations are nested')
+        self.depth += 1
+        expression = super().visit(node)
+        self.depth -= 1
+        return expression
 
     def generic_visit(self, node):
         raise FormulaError(f'"{ast.unparse(node)}" is not part of the formula language')
@@ -93,10 +113,10 @@ class _Translator(ast.NodeVisitor):
         if isinstance(value, bool):
             return self.generic_visit(node)
         if isinstance(value, int):
-            if value >= 2**63:
-                raise FormulaError(f'{value} is too large')
-            return Expression(integer_literal(value), 'int', value)
+            return Expression(integer_literal(value), 'int', _bounded(value))
         if isinstance(value, float):
+            if math.isinf(value):
+                raise FormulaError('a number is too large')
             return Expression(float_literal(value), 'float')
         if isinstance(value, str):
             if value not in self.scope.items:
@@ -107,43 +127,44 @@ class _Translator(ast.NodeVisitor):
     def visit_Name(self, node):
         name = node.id
         if name in self.scope.constants:
-            return Expression(integer_literal(self.scope.constants[name]), 'int')
+            return Expression(integer_literal(self.scope.constants[name]), 'int', self.scope.constants[name])
         if name not in self.scope.variables:
             raise FormulaError(f'unknown name "{name}"')
         if name not in self.sources:
             self.sources.append(name)
         if self.scope.variables[name].type == 'float':
-            return Expression(f'floatOf(set, k{name})', 'float')
-        return Expression(f'integerOf(set, k{name})', 'int')
+            return Expression(f'floatOf(set, kVar_{name})', 'float')
+        return Expression(f'integerOf(set, kVar_{name})', 'int')
 
     def visit_UnaryOp(self, node):
         if not isinstance(node.op, ast.USub):
             return self.generic_visit(node)
         operand = self._number(node.operand)
-        return Expression(f'(-{operand.code})', operand.type)
+        return Expression(f'(-{operand.code})', operand.type, None if operand.number is None else -operand.number)
 
     def visit_BinOp(self, node):
         if type(node.op) not in BINARY:
             return self.generic_visit(node)
-        operator = BINARY[type(node.op)]
+        sign = BINARY[type(node.op)]
         left, right = self._number(node.left), self._number(node.right)
-        if operator in ('<<', '>>'):
+        if sign in ('<<', '>>'):
             if left.type != 'int' or right.type != 'int':
                 raise FormulaError(f'"{ast.unparse(node)}" shifts a real number')
-            shift = 'shiftedLeft' if operator == '<<' else 'shiftedRight'
+            shift = 'shiftedLeft' if sign == '<<' else 'shiftedRight'
             return Expression(f'{shift}({left.code}, {right.code})', 'int')
-        if operator == '/' or 'float' in (left.type, right.type):
-            return Expression(f'({as_float(left)} {operator} {as_float(right)})', 'float')
-        return Expression(f'({left.code} {operator} {right.code})', 'int')
+        if sign == '/' or 'float' in (left.type, right.type):
+            return Expression(f'({as_float(left)} {sign} {as_float(right)})', 'float')
+        folded = None if None in (left.number, right.number) else _bounded(FOLDED[type(node.op)](left.number, right.number))
+        return Expression(f'({left.code} {sign} {right.code})', 'int', folded)
 
     def visit_Compare(self, node):
         if len(node.ops) != 1 or type(node.ops[0]) not in COMPARISONS:
             return self.generic_visit(node)
-        operator = COMPARISONS[type(node.ops[0])]
+        sign = COMPARISONS[type(node.ops[0])]
         left, right = self._operand(node.left, node.comparators[0]), self._operand(node.comparators[0], node.left)
         if 'float' in (left.type, right.type):
-            return Expression(f'({as_float(left)} {operator} {as_float(right)})', 'condition')
-        return Expression(f'({left.code} {operator} {right.code})', 'condition')
+            return Expression(f'({as_float(left)} {sign} {as_float(right)})', 'condition')
+        return Expression(f'({left.code} {sign} {right.code})', 'condition')
 
     def visit_IfExp(self, node):
         condition = self.visit(node.test)

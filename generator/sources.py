@@ -84,7 +84,7 @@ static constexpr const char kSource[] = "{description.source}-{unit}-autogen";
 
 def indices(description):
     """The variables' positions in the set."""
-    names = ''.join(f'  k{variable.name},\n' for variable in description.variables)
+    names = ''.join(f'  kVar_{variable.name},\n' for variable in description.variables)
     return f'''namespace {{
 
 enum Index : int32_t {{
@@ -118,7 +118,7 @@ uint64_t {getter(description, register)}(VariableSet *set) {{
 def register_write(description, register):
     fields = sorted(register.fields, key=lambda variable: -variable.low)
     terms = ' |\n      '.join(
-        f'registerField(set, k{v.name}, 0x{2**v.width - 1:x}, {v.low})' for v in fields)
+        f'registerField(set, kVar_{v.name}, 0x{2**v.width - 1:x}, {v.low})' for v in fields)
     return f'''
 int32_t {setter(description, register)}(VariableSet *set) {{
   const uint64_t value =
@@ -233,7 +233,7 @@ def write_backend(description, variable):
 
 
 def notify_dependents(variable):
-    steps = ''.join(attempt(f'varNotifyDependerAutovalue(set, &set->variables[k{dependent.name}])')
+    steps = ''.join(attempt(f'varNotifyDependerAutovalue(set, &set->variables[kVar_{dependent.name}])')
                     for dependent in variable.dependents)
     return steps + answer(0) if steps else ''
 
