@@ -1,0 +1,71 @@
+# What `cmake --install` and `cpack` give: headers, libraries, package files for CMake and pkg-config, udev rule, documents.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(documents ${CMAKE_INSTALL_DATAROOTDIR}/doc/pulsekit3)
+set(package_directory ${CMAKE_INSTALL_LIBDIR}/cmake/Pulsekit3)
+set(libraries Pulsekit3)
+file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/*.h)
+list(APPEND headers ${PROJECT_SOURCE_DIR}/src/interface/FTx232H/D2XX/FTx232H_D2XX.h)
+if(TARGET Pulsekit3Simulator)
+  list(APPEND libraries Pulsekit3Simulator)
+  list(APPEND headers ${PROJECT_SOURCE_DIR}/simulator/Pulsekit3Simulator.h)
+endif()
+
+install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(TARGETS ${libraries} EXPORT Pulsekit3Targets INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT Pulsekit3Targets NAMESPACE Pulsekit3:: DESTINATION ${package_directory})
+configure_package_config_file(${PROJECT_SOURCE_DIR}/packaging/Pulsekit3Config.cmake.in Pulsekit3Config.cmake
+                              INSTALL_DESTINATION ${package_directory})
+write_basic_package_version_file(Pulsekit3ConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/Pulsekit3Config.cmake ${PROJECT_BINARY_DIR}/Pulsekit3ConfigVersion.cmake
+        DESTINATION ${package_directory})
+
+# The tool comes with its library's place relative to it, so that any prefix works.
+if(TARGET pulsekit)
+  cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY ${CMAKE_INSTALL_FULL_BINDIR} OUTPUT_VARIABLE to_libraries)
+  set_target_properties(pulsekit PROPERTIES INSTALL_RPATH $ORIGIN/${to_libraries})
+  install(TARGETS pulsekit)
+endif()
+
+# pulsekit_pkg_config(<name> <library> <description> [<required package>])
+function(pulsekit_pkg_config pc_name pc_library pc_description)
+  set(pc_requires ${ARGN})
+  # From the folder of the .pc file, so that the installed tree can be moved.
+  cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
+             OUTPUT_VARIABLE pc_prefix)
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/pulsekit3.pc.in ${PROJECT_BINARY_DIR}/${pc_name}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${pc_name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
+pulsekit_pkg_config(pulsekit3 Pulsekit3 "Control of impulse-radar sensors")
+if(TARGET Pulsekit3Simulator)
+  pulsekit_pkg_config(pulsekit3-simulator Pulsekit3Simulator "Simulated radars for programs that use Pulsekit3" pulsekit3)
+endif()
+
+if(UNIX AND NOT APPLE)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/60-pulsekit3.rules DESTINATION lib/udev/rules.d)
+endif()
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ ${PROJECT_BINARY_DIR}/docs/ DESTINATION ${documents}
+        FILES_MATCHING PATTERN *.md PATTERN *.svg)
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${documents})
+install(FILES ${PROJECT_SOURCE_DIR}/examples/room.toml DESTINATION ${documents}/examples)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME pulsekit3)
+set(CPACK_PACKAGE_CONTACT "Pulsekit3 developers")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Control of impulse-radar sensors behind USB bridges")
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_VERSION 3.3.0~RC1)
+set(CPACK_DEBIAN_PACKAGE_SECTION science)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS gnuplot-nox)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/packaging/postinst ${PROJECT_SOURCE_DIR}/packaging/postrm
+    ${PROJECT_SOURCE_DIR}/packaging/triggers)
+include(CPack)
