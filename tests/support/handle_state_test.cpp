@@ -1,6 +1,8 @@
 // Waits end by a cancel or at a limit; a cancel ends the call in progress and no other.
 #include "support/handle_state.h"
 
+#include <gtest/gtest.h>
+
 #include "support/QTX_ErrorCodes.h"
 
 namespace pulsekit {
