@@ -11,6 +11,7 @@
 #include "../support/list.h"
 #include "../support/trace.h"
 #include "FTx232H/FTx232H.h"
+#include "program.h"
 
 using namespace pulsekit;
 
@@ -26,10 +27,11 @@ struct Driver {
   const char *(*displayName)();
   int32_t (*initHandle)(InterfaceHandle **, QTX_StackTrace **, QTX_Handle *);
   int32_t (*freeHandle)(InterfaceHandle **, QTX_StackTrace **);
+  const ProgramOperations *programs;
 };
 
 constexpr Driver kDrivers[] = {
-    {"FTx232H", FTx232H_Name, FTx232H_InitHandle, FTx232H_FreeHandle},
+    {"FTx232H", FTx232H_Name, FTx232H_InitHandle, FTx232H_FreeHandle, &FTx232H_Programs},
 };
 
 // The driver whose name begins the text, as the name of a connection string does.
@@ -125,6 +127,10 @@ QTX_StackTrace *interfaceErrorRecord(const InterfaceHandle *bridge) {
   return isOurs(bridge) ? bridge->error_state : nullptr;
 }
 
+const ProgramOperations *interfacePrograms(const InterfaceHandle *bridge) {
+  return bridge && isOurs(bridge) ? static_cast<const ProgramOperations *>(bridge->programs) : nullptr;
+}
+
 bool interfaceHasDevice(const InterfaceHandle *bridge) { return bridge && isOurs(bridge) && bridge->connected != 0; }
 
 extern "C" {
@@ -159,6 +165,7 @@ int32_t interfaceInitHandle(InterfaceHandle **bridge, QTX_StackTrace **record, Q
     return passThrough(recordIn(record), HERE, code);
   }
   (*bridge)->type_name = driver->name;
+  (*bridge)->programs = driver->programs;
 
   if (!owner || !owner->spare) return kSuccess;
   const auto hostSetup = reinterpret_cast<int32_t (*)(QTX_Handle *)>(owner->spare);

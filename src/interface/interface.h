@@ -59,7 +59,8 @@ struct InterfaceHandle {
   const struct InterfaceHandle *self; /* this handle, where the layer has made it */
   void *lock;
   QTX_StackTrace *error_state;
-  int32_t connected; /* 1 between interfaceConnect and interfaceDisconnect */
+  int32_t connected;    /* 1 between interfaceConnect and interfaceDisconnect */
+  const void *programs; /* what the driver offers beyond its slots (program.h), or null */
 };
 
 QTX_API int32_t interfaceListSupportedInterfaces(char *out, int32_t size);
@@ -87,6 +88,10 @@ QTX_API int32_t interfaceUnlock(InterfaceHandle *bridge);
 
 /* The record that failures of a bus sequence on this handle go to: the owner's, else the one given at creation. */
 QTX_StackTrace *interfaceErrorRecord(const InterfaceHandle *bridge);
+namespace pulsekit {
+struct ProgramOperations;
+}
+const pulsekit::ProgramOperations *interfacePrograms(const InterfaceHandle *bridge);
 bool interfaceHasDevice(const InterfaceHandle *bridge);
 /* The driver that a module handle runs, by which pins and channels are chosen; the module layer answers. */
 const char *moduleDriverName(const struct ModuleHandle *module);

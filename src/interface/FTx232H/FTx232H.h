@@ -21,6 +21,8 @@ QTX_API int32_t FTx232H_ListDevices(InterfaceHandle *bridge, char *out, uint32_t
 
 #ifdef __cplusplus
 }
+
+extern const pulsekit::ProgramOperations FTx232H_Programs;
 #endif
 
 #endif

@@ -4,10 +4,44 @@
 // MPSSE commands are collected in the block's output buffer (the batch) and sent together.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <initializer_list>
+#include <vector>
 
+#include "../program.h"
 #include "FTx232H.h"
+
+// Bus programs on their way: ordered ones oldest first, the last `unsent` of them not yet written.
+struct FTx232H_Flights {
+  struct Flight {
+    pulsekit::BusProgram *program;
+    pulsekit::ProgramRun *run;
+    uint32_t length, tail;  // bytes of its commands; of these behind the last one that answers
+    uint32_t answer, got;   // bytes, the check bytes included
+    uint64_t clocks;
+    uint16_t states_before, states_after;
+    uint8_t check[2];  // expected, under check_mask
+    uint8_t check_mask;
+    uint8_t arrived_check[2];
+  };
+  std::array<Flight, 128> flights;
+  size_t first, count, unsent;
+  std::vector<uint8_t> batch;  // commands of the unsent ones
+  uint32_t ordered;            // bytes of the commands of all
+  uint32_t tail;               // bytes behind the last answer that has arrived, which the bridge may hold yet
+  uint32_t owed;               // answer bytes that are still to come
+  uint32_t fifo;               // bytes that the bridge takes without being done with those before
+
+  // What dropped programs have left behind, until it is cleared away.
+  std::vector<uint8_t> rest;  // of commands that the bridge has in part
+  uint32_t stale;             // answer bytes
+  uint64_t stale_clocks;
+  bool out_of_step;
+
+  pulsekit::ProgramOwner *owner;
+  bool owner_active;
+};
 
 struct FTx232H_Connection {
   FT_HANDLE device_handle;
@@ -25,6 +59,8 @@ struct FTx232H_Connection {
 
   FTx232H_D2XX d2xx;  // the functions that the device was opened with
   bool open;
+  uint32_t clock_divisor;
+  FTx232H_Flights programs;
 };
 
 inline FTx232H_Connection *connectionOf(const InterfaceHandle *bridge) {
@@ -45,7 +81,9 @@ enum MpsseCommand : uint8_t {
   kLoopbackOff = 0x85,
   kSetDivisor = 0x86,
   kSendImmediate = 0x87,
-  kPrescalerOff = 0x8A
+  kPrescalerOff = 0x8A,
+  kClockBits = 0x8E,  // without data
+  kClockBytes = 0x8F
 };
 
 // ---- Transport ----
@@ -86,6 +124,18 @@ int32_t setSPIClockFrequency(QTX_Handle *owner, int16_t divisor);
 int32_t FTx232H_ID_to_pin(QTX_Handle *owner, int32_t id);
 int32_t FTx232H_ID_to_SPIchannel(QTX_Handle *owner, int32_t id);
 inline bool isBridgePin(int32_t pin) { return pin >= 0 && pin < 16; }
+
+// ---- Bus programs ----
+// Opens every other operation: waits for the programs in flight and clears away what failed ones have left. Their
+// failures are their owners'. Codes: 1537, 1538; those of the bridge when it can't be brought back into step.
+int32_t settlePrograms(InterfaceHandle *bridge);
+// Ends the programs in flight with the code.
+void endPrograms(FTx232H_Connection &connection, int32_t code, const char *message);
+// The commands that let the clock run without data, and their length.
+void FTx232H_appendPause(std::vector<uint8_t> &stream, uint64_t clocks);
+size_t FTx232H_pauseLength(uint64_t clocks);
+constexpr uint32_t kSmallestFifo = 1024;
+uint32_t fifoOf(uint32_t device_type);
 
 // ---- Connection ----
 // A block that is not open: every D2XX call on it fails. Null when memory is short.

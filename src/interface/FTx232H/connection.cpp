@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -60,14 +61,20 @@ Outcome openDevice(FTx232H_Connection &connection, const char *serial) {
   return {};
 }
 
-// Bridges settle their device list when it is read; nothing in it is needed.
-Outcome readDeviceList(const FTx232H_D2XX &d2xx) {
+// Bridges settle their device list when it is read. It says how much the device takes ahead.
+Outcome readDeviceList(FTx232H_Connection &connection, const char *serial) {
+  const FTx232H_D2XX &d2xx = connection.d2xx;
   const Outcome failed{kInterfaceList, "FTx232H - Could not create list of connected FT-devices"};
   uint32_t count = 0;
   if (d2xx.CreateDeviceInfoList(&count)) return failed;
-  const std::unique_ptr<FT_Node[]> nodes(new (std::nothrow) FT_Node[size_t{count} + 1]);
+  const uint32_t room = count;
+  const std::unique_ptr<FT_Node[]> nodes(new (std::nothrow) FT_Node[size_t{room} + 1]{});
   if (!nodes) return {kOutOfMemory};
   if (d2xx.GetDeviceInfoList(nodes.get(), &count)) return failed;
+  for (uint32_t i = 0; i < std::min(room, count); ++i) {
+    const bool same = std::strncmp(nodes[i].SerialNumber, serial, sizeof nodes[i].SerialNumber) == 0;
+    if (same || nodes[i].Handle == connection.device_handle) connection.programs.fifo = fifoOf(nodes[i].Type);
+  }
   return {};
 }
 
@@ -134,6 +141,7 @@ FTx232H_Connection *createConnection() {
 void destroyConnection(InterfaceHandle *bridge) {
   const std::unique_ptr<FTx232H_Connection> connection(connectionOf(bridge));
   bridge->connection = nullptr;
+  if (connection) endPrograms(*connection, kInterfaceNotInitialized, "");
   if (connection && connection->open) connection->d2xx.Close(connection->device_handle);
 }
 
@@ -148,11 +156,13 @@ int32_t FTx232H_ConnectDevice(InterfaceHandle *bridge, void **connection_slot, c
   connection->pin_states = kInitialStates;
   connection->bytes_read = connection->output_count = connection->chunk_length = connection->bytes_written = 0;
   connection->total_written = connection->queue_count = connection->pending_read_count = 0;
+  connection->programs.fifo = kSmallestFifo;
 
   char serial[kSerialSize];
   if (!findSerial(connection_string, serial)) return origin(record, HERE, kInterfaceOpen, kSerialMessage);
   if (Outcome step = openDevice(*connection, serial); step.code) return origin(record, HERE, step.code, step.message);
-  if (Outcome step = readDeviceList(connection->d2xx); step.code) return origin(record, HERE, step.code, step.message);
+  if (Outcome step = readDeviceList(*connection, serial); step.code)
+    return origin(record, HERE, step.code, step.message);
   if (Outcome step = configureDevice(bridge); step.code) return origin(record, HERE, step.code, step.message);
 
   if (sendAllPins(bridge)) {
@@ -173,6 +183,7 @@ int32_t FTx232H_ConnectDevice(InterfaceHandle *bridge, void **connection_slot, c
 int32_t FTx232H_DisconnectDevice(InterfaceHandle *bridge, void *connection_block) {
   auto *connection = static_cast<FTx232H_Connection *>(connection_block);
   if (connection && connection->open) {
+    settlePrograms(bridge);
     if (connection->d2xx.Close(connection->device_handle)) {
       return origin(interfaceErrorRecord(bridge), HERE, kInterfaceDisconnect,
                     "FTx232H - Could not disconnect the device interface");

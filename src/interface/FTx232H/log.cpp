@@ -37,6 +37,7 @@ void closeInterfaceLog(InterfaceHandle *bridge) {
 
 int32_t FTx232H_InterfaceLogging(InterfaceHandle *bridge, int32_t mode, const char *file_name) {
   QTX_StackTrace *record = interfaceErrorRecord(bridge);
+  settlePrograms(bridge);
   if (mode == kOpenLog) {
     if (!file_name) return origin(record, HERE, kError);
     closeInterfaceLog(bridge);
@@ -55,6 +56,7 @@ int32_t FTx232H_InterfaceLogComment(InterfaceHandle *bridge, const char *text) {
   QTX_StackTrace *record = interfaceErrorRecord(bridge);
   if (!text) return origin(record, HERE, kError);
   if (!recording(bridge)) return origin(record, HERE, kLogNotOpen);
+  settlePrograms(bridge);
   std::fprintf(bridge->log_file, "%s\n", text);
   return kSuccess;
 }

@@ -91,6 +91,7 @@ int32_t FTx232H_SetIO(InterfaceHandle *bridge, uint32_t pin, uint32_t value) {
   if (!isBridgePin(bit)) {
     return origin(record, HERE, kIoRead, "FTx232H - Trying to set the value of an IO pin outside the legal range");
   }
+  if (int32_t code = settlePrograms(bridge)) return passThrough(record, HERE, code);
   if (!reserveOutput(*connection, kPinCommandsLength)) return origin(record, HERE, kBufferTooSmall);
   connection->pin_states = withBit(connection->pin_states, bit, value);
   if (int32_t code = sendPins(bridge)) return passThrough(record, HERE, code);
@@ -105,6 +106,7 @@ int32_t FTx232H_SetIO_Direction(InterfaceHandle *bridge, uint32_t pin, uint32_t 
   if (!isBridgePin(bit)) {
     return origin(record, HERE, kIoRead, "FTx232H - Trying to set the value of an IO pin outside the legal range");
   }
+  if (int32_t code = settlePrograms(bridge)) return passThrough(record, HERE, code);
   if (!reserveOutput(*connection, kPinCommandsLength)) return origin(record, HERE, kBufferTooSmall);
   connection->pin_directions = withBit(connection->pin_directions, bit, direction);
   connection->pin_states = withBit(connection->pin_states, bit, value);
@@ -121,6 +123,7 @@ int32_t FTx232H_GetIO(InterfaceHandle *bridge, uint32_t pin, uint32_t *value) {
   if (!isBridgePin(bit)) {
     return origin(record, HERE, kIoRead, "FTx232H - Trying to read the status of an IO pin outside the legal range");
   }
+  if (int32_t code = settlePrograms(bridge)) return passThrough(record, HERE, code);
   if (!reserveOutput(*connection, 3)) return origin(record, HERE, kBufferTooSmall);
   appendOutput(*connection, {kGetLowPins, kGetHighPins, kSendImmediate});
   if (int32_t code = SendBytesToDevice(bridge)) return passThrough(record, HERE, code);

@@ -124,6 +124,7 @@ int32_t FTx232H_SendReceiveSPI(InterfaceHandle *bridge, uint32_t channel, const 
 
   const int32_t chip_select = FTx232H_ID_to_SPIchannel(bridge->owner, static_cast<int32_t>(channel));
   if (!isBridgePin(chip_select)) return origin(record, HERE, kIoRead, kChannelMessage);
+  if (int32_t code = settlePrograms(bridge)) return passThrough(record, HERE, code);
   if (int32_t code = admit(*connection, transfer)) return origin(record, HERE, code);
   appendTransfer(*connection, chip_select, transfer);
   if (mode == SPI_MODE_QUEUE) return kSuccess;
@@ -150,6 +151,7 @@ int32_t FTx232H_SendReceiveBitsSPI(InterfaceHandle *bridge, uint32_t channel, co
   if (!connection) return origin(record, HERE, kInterfaceNotInitialized);
   const int32_t chip_select = FTx232H_ID_to_SPIchannel(bridge->owner, static_cast<int32_t>(channel));
   if (!isBridgePin(chip_select)) return origin(record, HERE, kIoRead, kChannelMessage);
+  if (int32_t code = settlePrograms(bridge)) return passThrough(record, HERE, code);
   dropBatch(*connection);
 
   const size_t bits = countOf(out_bits);
@@ -186,8 +188,10 @@ int32_t setSPIClockFrequency(QTX_Handle *owner, int16_t divisor) {
   FTx232H_Connection *connection = bridge ? connectionOf(bridge) : nullptr;
   if (!connection) return kSuccess;
   QTX_StackTrace *record = interfaceErrorRecord(bridge);
+  if (int32_t code = settlePrograms(bridge)) return passThrough(record, HERE, code);
   if (!reserveOutput(*connection, 3)) return origin(record, HERE, kBufferTooSmall);
   appendOutput(*connection, {kSetDivisor, static_cast<uint8_t>(divisor), static_cast<uint8_t>(divisor >> 8)});
   if (int32_t code = SendBytesToDevice(bridge)) return passThrough(record, HERE, code);
+  connection->clock_divisor = static_cast<uint16_t>(divisor);
   return kSuccess;
 }
