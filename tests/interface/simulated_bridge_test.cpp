@@ -193,7 +193,7 @@ TEST_F(SimulatedBridge, LostAnswerTimesOutAndTheNextTransferWorks) {
   uint8_t in[2] = {};
   QTXSim_LoseAnswer(0, 1, 1);
   EXPECT_EQ(transfer(0, {0x02, 0x02}, in, 2), 263);
-  EXPECT_EQ(radar->error->code, 270);
+  EXPECT_EQ(radar->error->code, 263);
   EXPECT_STREQ(radar->error->message,
                "FTx232H - Timeout waiting for data: Got 1 bytes, waiting for 2 bytes (Timeout counter: 100000)");
   EXPECT_EQ(functionsOf(radar->error), (Names{"waitForBytesRecieved", "ReadInQueue", "FTx232H_SendReceiveSPI"}));
@@ -206,7 +206,7 @@ TEST_F(SimulatedBridge, QueueThatHoldsTooMuchTimesOutAndTheNextTransferWorks) {
   uint8_t in[2] = {};
   QTXSim_InsertAnswer(0, &stray, 1);
   EXPECT_EQ(transfer(0, {0x02, 0x02}, in, 2), 263);
-  EXPECT_EQ(radar->error->code, 270);
+  EXPECT_EQ(radar->error->code, 263);
   expectWorks();
 }
 

@@ -145,7 +145,11 @@ int32_t ReadInQueue(InterfaceHandle *bridge, uint32_t expected) {
   connection.bytes_read = connection.queue_count = 0;
 
   const int32_t waited = waitForBytesRecieved(bridge, expected);
-  if (waited == kInterfaceTimeout) return passThrough(record, HERE, kInterfaceStatus);
+  if (waited == kInterfaceTimeout) {
+    // One code on every path; the text goes on to tell of the time-out.
+    if (record) record->code = kInterfaceStatus;
+    return passThrough(record, HERE, kInterfaceStatus);
+  }
   if (waited || connection.queue_count == 0) return origin(record, HERE, kInterfaceStatus);
 
   if (ReadBytesFromDevice(bridge, connection.input_buffer, connection.queue_count, &connection.bytes_read)) {
