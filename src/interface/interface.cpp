@@ -57,15 +57,8 @@ std::unique_ptr<platform::Lock> makeLock() noexcept try {
   return nullptr;
 }
 
-// Hosts may build handles of their own, which lack the private fields.
-bool isOurs(const InterfaceHandle *bridge) { return bridge->self == bridge; }
-
 platform::Lock *lockOf(const InterfaceHandle *bridge) {
-  return isOurs(bridge) ? static_cast<platform::Lock *>(bridge->lock) : nullptr;
-}
-
-void noteConnection(InterfaceHandle *bridge, bool connected) {
-  if (isOurs(bridge)) bridge->connected = connected ? 1 : 0;
+  return interfaceIsOurs(bridge) ? static_cast<platform::Lock *>(bridge->lock) : nullptr;
 }
 
 InterfaceHandle *createHandle(QTX_StackTrace **record, QTX_Handle *owner, int32_t *shared_status) {
@@ -123,15 +116,23 @@ bool appendDevices(InterfaceHandle *bridge, char *out, uint32_t size) {
 
 QTX_StackTrace *interfaceErrorRecord(const InterfaceHandle *bridge) {
   if (!bridge) return nullptr;
-  if (bridge->owner && bridge->owner->error) return bridge->owner->error;
-  return isOurs(bridge) ? bridge->error_state : nullptr;
+  if (interfaceIsOurs(bridge) && bridge->error_state) return bridge->error_state;
+  return bridge->owner ? bridge->owner->error : nullptr;
 }
 
 const ProgramOperations *interfacePrograms(const InterfaceHandle *bridge) {
-  return bridge && isOurs(bridge) ? static_cast<const ProgramOperations *>(bridge->programs) : nullptr;
+  return bridge && interfaceIsOurs(bridge) ? static_cast<const ProgramOperations *>(bridge->programs) : nullptr;
 }
 
-bool interfaceHasDevice(const InterfaceHandle *bridge) { return bridge && isOurs(bridge) && bridge->connected != 0; }
+bool interfaceIsOurs(const InterfaceHandle *bridge) { return bridge->self == bridge; }
+
+bool interfaceHasDevice(const InterfaceHandle *bridge) {
+  return bridge && interfaceIsOurs(bridge) && bridge->connected != 0;
+}
+
+void interfaceNoteConnection(InterfaceHandle *bridge, bool connected) {
+  if (interfaceIsOurs(bridge)) bridge->connected = connected ? 1 : 0;
+}
 
 extern "C" {
 
@@ -238,7 +239,7 @@ int32_t interfaceConnect(InterfaceHandle *bridge, const char *connection_string)
     return recordedCode(record, code);
   }
   bridge->type_name = driver->name;
-  noteConnection(bridge, true);
+  interfaceNoteConnection(bridge, true);
   return kSuccess;
 }
 
@@ -250,7 +251,7 @@ int32_t interfaceDisconnect(InterfaceHandle *bridge) {
     passThrough(record, HERE, code);
     return recordedCode(record, code);
   }
-  noteConnection(bridge, false);
+  interfaceNoteConnection(bridge, false);
   return kSuccess;
 }
 

@@ -1,7 +1,7 @@
 /*
  * The interface layer: the registry of bridge drivers, the interface handle with its operations and its lock. A handle
- * belongs to a library handle (owner) and shares that handle's error record. The lock is recursive and may be left
- * without being held; callers hold it for one bus sequence.
+ * belongs to a library handle (owner) and writes into the error record that it is given, normally the owner's. The lock
+ * is recursive and may be left without being held; callers hold it for one bus sequence.
  *
  * Order of calls: interfaceInitHandle, interfaceInitInterface, interfaceConnect, operations, interfaceDisconnect,
  * interfaceFreeHandle. A handle connects once.
@@ -86,13 +86,17 @@ QTX_API int32_t interfaceUnlock(InterfaceHandle *bridge);
 #ifdef __cplusplus
 }
 
-/* The record that failures of a bus sequence on this handle go to: the owner's, else the one given at creation. */
+/* The record that failures on this handle go to: the one given at creation, else the owner's. */
 QTX_StackTrace *interfaceErrorRecord(const InterfaceHandle *bridge);
 namespace pulsekit {
 struct ProgramOperations;
 }
 const pulsekit::ProgramOperations *interfacePrograms(const InterfaceHandle *bridge);
+/* Whether the layer has made the handle: one that a host has made itself lacks the private fields. */
+bool interfaceIsOurs(const InterfaceHandle *bridge);
 bool interfaceHasDevice(const InterfaceHandle *bridge);
+/* A driver tells when its device is connected and when no longer, whoever has called it. */
+void interfaceNoteConnection(InterfaceHandle *bridge, bool connected);
 /* The driver that a module handle runs, by which pins and channels are chosen; the module layer answers. */
 const char *moduleDriverName(const struct ModuleHandle *module);
 

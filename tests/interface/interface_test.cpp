@@ -117,15 +117,15 @@ TEST_F(InterfaceLayer, HandleWithoutALibraryHandle) {
   EXPECT_EQ(interfaceFreeHandle(&handle, nullptr), 0);
 }
 
-TEST_F(InterfaceLayer, RecordOfTheHandleServesWhereTheOwnerHasNone) {
+TEST_F(InterfaceLayer, RecordGivenAtCreationIsTheOneThatIsWritten) {
   QTX_StackTrace *record = nullptr;
   QTX_StackTraceInit(&record, nullptr);
-  QTX_Handle owner{};
   InterfaceHandle *handle = nullptr;
-  ASSERT_EQ(interfaceInitHandle(&handle, &record, &owner, "DEFAULT", nullptr), 0);
+  ASSERT_EQ(interfaceInitHandle(&handle, &record, radar, "DEFAULT", nullptr), 0);
   handle->SetIO = [](InterfaceHandle *, uint32_t, uint32_t) { return 262; };
   EXPECT_EQ(interfaceIO_SetValue(handle, 5, 1), 262);
   EXPECT_EQ(functionsOf(record), Names{"interfaceIO_SetValue"});
+  EXPECT_EQ(functionsOf(radar->error), Names{});
   EXPECT_EQ(interfaceFreeHandle(&handle, &record), 0);
 }
 

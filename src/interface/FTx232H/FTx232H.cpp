@@ -51,7 +51,7 @@ int32_t FTx232H_InitHandle(InterfaceHandle **bridge_slot, QTX_StackTrace **recor
   if (!bridge) return origin(record ? *record : nullptr, HERE, kInterfaceNotInitialized);
   // A second time: the driver starts anew.
   if (isDriven(*bridge)) FTx232H_FreeHandle(bridge_slot, nullptr);
-  if (record) QTX_StackTraceInit(&bridge->error_state, record);
+  if (record && interfaceIsOurs(bridge)) QTX_StackTraceInit(&bridge->error_state, record);
   bridge->owner = owner;
   std::memset(bridge->driver_name, 0, sizeof bridge->driver_name);
   std::memcpy(bridge->driver_name, kDriverName, sizeof kDriverName);
@@ -73,6 +73,9 @@ int32_t FTx232H_FreeHandle(InterfaceHandle **bridge_slot, QTX_StackTrace **recor
     vars_FTx232H_FreeHandle(&bridge->variables);
     destroyConnection(bridge);
     closeInterfaceLog(bridge);
+  }
+  if (bridge && interfaceIsOurs(bridge) && record_or_null && *record_or_null == bridge->error_state) {
+    bridge->error_state = nullptr;
   }
   if (record_or_null) QTX_StackTraceFree(record_or_null);
   return kSuccess;
