@@ -154,6 +154,31 @@ TEST_F(Connection, CloseThatFailsKeepsTheConnection) {
   EXPECT_EQ(interfaceDisconnect(bridge), 0);
 }
 
+TEST_F(Connection, DeviceThatCouldNotBeClosedIsClosedWhenItIsInTheWay) {
+  connect();
+  d2xx.fail("Close", 1, FT_IO_ERROR);
+  open("FTx232H");
+  EXPECT_EQ(d2xx.open_handles, 1);
+  d2xx.fail("OpenEx", 1, FT_DEVICE_NOT_OPENED);
+  connect();
+  EXPECT_EQ(d2xx.open_handles, 1);
+
+  d2xx.fail("Close", 1, FT_IO_ERROR);
+  open("FTx232H");
+  d2xx.fail("ListDevices", 2, FT_DEVICE_NOT_OPENED);
+  EXPECT_EQ(listed(), kDevice) << "instead of Already Open";
+}
+
+TEST_F(Connection, LayerNoticesWhatIsReleasedBehindItsBack) {
+  connect();
+  EXPECT_EQ(bridge->DisconnectDevice(bridge, bridge->connection), 0);
+  EXPECT_FALSE(interfaceHasDevice(bridge));
+  open("FTx232H");
+  connect();
+  EXPECT_EQ(FTx232H_FreeHandle(&bridge, nullptr), 0);
+  EXPECT_FALSE(interfaceHasDevice(bridge));
+}
+
 TEST_F(Connection, OperationsWithoutADevice) {
   uint32_t value = 0;
   uint8_t byte = 0;

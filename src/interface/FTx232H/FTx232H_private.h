@@ -7,10 +7,14 @@
 #include <array>
 #include <cstdint>
 #include <initializer_list>
+#include <mutex>
 #include <vector>
 
 #include "../program.h"
 #include "FTx232H.h"
+
+// D2XX has at most 15 characters.
+constexpr size_t kSerialSize = 64;
 
 // Bus programs on their way: ordered ones oldest first, the last `unsent` of them not yet written.
 struct FTx232H_Flights {
@@ -58,6 +62,7 @@ struct FTx232H_Connection {
   uint16_t pin_states;
 
   FTx232H_D2XX d2xx;  // the functions that the device was opened with
+  char serial[kSerialSize];
   bool open;
   uint32_t clock_divisor;
   FTx232H_Flights programs;
@@ -140,12 +145,18 @@ uint32_t fifoOf(uint32_t device_type);
 // ---- Connection ----
 // A block that is not open: every D2XX call on it fails. Null when memory is short.
 FTx232H_Connection *createConnection();
-// Closes the device if it is open, and clears the pointer.
+// Closes the device if it is open, and clears the pointer. A device that can't be closed is closed later, when it is in
+// the way.
 void destroyConnection(InterfaceHandle *bridge);
+// Tries again to close the devices that could not be closed; all of the same library, or only the one with that serial
+// number. True when one was closed.
+bool closeLeftDevices(const FTx232H_D2XX &d2xx, const char *serial = nullptr);
 int32_t FTx232H_ConnectDevice(InterfaceHandle *bridge, void **connection, const char *connection_string);
 int32_t FTx232H_DisconnectDevice(InterfaceHandle *bridge, void *connection);
 
 // ---- Process-wide device registry ----
+// Held around everything that depends on the process's one list of devices, and around the registry.
+std::mutex &deviceListMutex();
 void clearDeviceInfoEntriesOnce();
 int32_t FTx232H_AddDeviceInfoEntry(FT_HANDLE handle, const char *description, const char *serial);
 int32_t FTx232H_DeleteDeviceInfoEntry(FT_HANDLE handle);

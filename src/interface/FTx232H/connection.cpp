@@ -14,9 +14,6 @@ static constexpr const char kSource[] = "src/interface/FTx232H/FTx232H";
 
 namespace {
 
-// D2XX has at most 15 characters.
-constexpr size_t kSerialSize = 64;
-
 // Clock low, everything else high; the clock, data out and chip select 0 are outputs.
 constexpr uint16_t kInitialDirections = 0x000B;
 constexpr uint16_t kInitialStates = 0xFFFE;
@@ -51,28 +48,76 @@ bool findSerial(const char *connection_string, char (&serial)[kSerialSize]) {
   return true;
 }
 
-Outcome openDevice(FTx232H_Connection &connection, const char *serial) {
+// A device that could not be closed when its connection was given up.
+struct LeftDevice {
+  FTx232H_D2XX d2xx;
+  FT_HANDLE handle;
+  char serial[kSerialSize];
+  std::unique_ptr<LeftDevice> next;
+};
+
+std::mutex left_devices_mutex;
+std::unique_ptr<LeftDevice> left_devices;
+
+bool sameLibrary(const FTx232H_D2XX &a, const FTx232H_D2XX &b) { return a.OpenEx == b.OpenEx && a.Close == b.Close; }
+
+void leaveDevice(const FTx232H_Connection &connection) {
+  std::unique_ptr<LeftDevice> device(new (std::nothrow) LeftDevice{connection.d2xx, connection.device_handle, {}, {}});
+  if (!device) return;
+  std::memcpy(device->serial, connection.serial, sizeof device->serial);
+  const std::lock_guard guard(left_devices_mutex);
+  device->next = std::move(left_devices);
+  left_devices = std::move(device);
+}
+
+// Removes the devices that the condition holds for. True when there were any.
+template <typename Condition>
+bool removeLeftDevices(Condition isGone) {
+  const std::lock_guard guard(left_devices_mutex);
+  bool removed = false;
+  for (std::unique_ptr<LeftDevice> *device = &left_devices; *device;) {
+    if (!isGone(**device)) {
+      device = &(*device)->next;
+      continue;
+    }
+    *device = std::move((*device)->next);
+    removed = true;
+  }
+  return removed;
+}
+
+Outcome openDevice(FTx232H_Connection &connection) {
   connection.d2xx = d2xx::current();
-  if (connection.d2xx.OpenEx(serial, FT_OPEN_BY_SERIAL_NUMBER, &connection.device_handle)) {
+  const auto open = [&connection] {
+    return connection.d2xx.OpenEx(connection.serial, FT_OPEN_BY_SERIAL_NUMBER, &connection.device_handle) == FT_OK;
+  };
+  connection.open = open() || (closeLeftDevices(connection.d2xx, connection.serial) && open());
+  if (!connection.open) {
     connection.d2xx = d2xx::unavailable();
     return {kInterfaceOpen, kSerialMessage};
   }
-  connection.open = true;
+  // A handle that is given out anew no longer stands for a device that was left.
+  removeLeftDevices([&connection](const LeftDevice &device) {
+    return sameLibrary(device.d2xx, connection.d2xx) && device.handle == connection.device_handle;
+  });
   return {};
 }
 
 // Bridges settle their device list when it is read. It says how much the device takes ahead.
-Outcome readDeviceList(FTx232H_Connection &connection, const char *serial) {
+Outcome readDeviceList(FTx232H_Connection &connection) {
+  // For what a host that uses the bridge library itself lists between the two calls.
+  constexpr size_t kSpareNodes = 32;
   const FTx232H_D2XX &d2xx = connection.d2xx;
   const Outcome failed{kInterfaceList, "FTx232H - Could not create list of connected FT-devices"};
+  const std::lock_guard guard(deviceListMutex());
   uint32_t count = 0;
   if (d2xx.CreateDeviceInfoList(&count)) return failed;
   const uint32_t room = count;
-  const std::unique_ptr<FT_Node[]> nodes(new (std::nothrow) FT_Node[size_t{room} + 1]{});
+  const std::unique_ptr<FT_Node[]> nodes(new (std::nothrow) FT_Node[size_t{room} + kSpareNodes]{});
   if (!nodes) return {kOutOfMemory};
   if (d2xx.GetDeviceInfoList(nodes.get(), &count)) return failed;
   for (uint32_t i = 0; i < std::min(room, count); ++i) {
-    const bool same = std::strncmp(nodes[i].SerialNumber, serial, sizeof nodes[i].SerialNumber) == 0;
+    const bool same = std::strncmp(nodes[i].SerialNumber, connection.serial, sizeof nodes[i].SerialNumber) == 0;
     if (same || nodes[i].Handle == connection.device_handle) connection.programs.fifo = fifoOf(nodes[i].Type);
   }
   return {};
@@ -142,7 +187,15 @@ void destroyConnection(InterfaceHandle *bridge) {
   const std::unique_ptr<FTx232H_Connection> connection(connectionOf(bridge));
   bridge->connection = nullptr;
   if (connection) endPrograms(*connection, kInterfaceNotInitialized, "");
-  if (connection && connection->open) connection->d2xx.Close(connection->device_handle);
+  interfaceNoteConnection(bridge, false);
+  if (connection && connection->open && connection->d2xx.Close(connection->device_handle)) leaveDevice(*connection);
+}
+
+bool closeLeftDevices(const FTx232H_D2XX &d2xx, const char *serial) {
+  return removeLeftDevices([&](const LeftDevice &device) {
+    const bool wanted = sameLibrary(device.d2xx, d2xx) && (!serial || std::strcmp(device.serial, serial) == 0);
+    return wanted && device.d2xx.Close(device.handle) == FT_OK;
+  });
 }
 
 int32_t FTx232H_ConnectDevice(InterfaceHandle *bridge, void **connection_slot, const char *connection_string) {
@@ -158,11 +211,11 @@ int32_t FTx232H_ConnectDevice(InterfaceHandle *bridge, void **connection_slot, c
   connection->total_written = connection->queue_count = connection->pending_read_count = 0;
   connection->programs.fifo = kSmallestFifo;
 
-  char serial[kSerialSize];
-  if (!findSerial(connection_string, serial)) return origin(record, HERE, kInterfaceOpen, kSerialMessage);
-  if (Outcome step = openDevice(*connection, serial); step.code) return origin(record, HERE, step.code, step.message);
-  if (Outcome step = readDeviceList(*connection, serial); step.code)
-    return origin(record, HERE, step.code, step.message);
+  if (!findSerial(connection_string, connection->serial)) {
+    return origin(record, HERE, kInterfaceOpen, kSerialMessage);
+  }
+  if (Outcome step = openDevice(*connection); step.code) return origin(record, HERE, step.code, step.message);
+  if (Outcome step = readDeviceList(*connection); step.code) return origin(record, HERE, step.code, step.message);
   if (Outcome step = configureDevice(bridge); step.code) return origin(record, HERE, step.code, step.message);
 
   if (sendAllPins(bridge)) {
@@ -177,6 +230,7 @@ int32_t FTx232H_ConnectDevice(InterfaceHandle *bridge, void **connection_slot, c
   QTX_sleep_ms(kSettleMs);
   if (ResetInQueue(bridge)) return origin(record, HERE, kInterfaceInit, "FTx232H - Could not reset the input buffer");
   if (int32_t code = varsInit(bridge->variables)) return passThrough(record, HERE, code);
+  interfaceNoteConnection(bridge, true);
   return kSuccess;
 }
 

@@ -52,13 +52,20 @@ FT_STATUS readSerial(const FTx232H_D2XX &d2xx, uint32_t index, size_t &open_devi
 
 }  // namespace
 
+std::mutex &deviceListMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
 void clearDeviceInfoEntriesOnce() {
+  const std::lock_guard guard(deviceListMutex());
   if (device_info_cleared) return;
   for (DeviceInfo &entry : globalDeviceInfoArray) entry = {};
   device_info_cleared = true;
 }
 
 int32_t FTx232H_AddDeviceInfoEntry(FT_HANDLE handle, const char *description, const char *serial) {
+  const std::lock_guard guard(deviceListMutex());
   for (DeviceInfo &entry : globalDeviceInfoArray) {
     if (entry.in_use) continue;
     copyText(entry.serial, serial);
@@ -71,6 +78,7 @@ int32_t FTx232H_AddDeviceInfoEntry(FT_HANDLE handle, const char *description, co
 }
 
 int32_t FTx232H_DeleteDeviceInfoEntry(FT_HANDLE handle) {
+  const std::lock_guard guard(deviceListMutex());
   for (DeviceInfo &entry : globalDeviceInfoArray) {
     if (!entry.in_use || entry.handle != handle) continue;
     entry = {};
@@ -86,6 +94,7 @@ extern "C" int32_t FTx232H_ListDevices(InterfaceHandle *bridge, char *out, uint3
   if (size > 0) out[0] = '\0';
 
   const FTx232H_D2XX d2xx = d2xx::current();
+  const std::lock_guard guard(deviceListMutex());
   uint32_t count = 0;
   if (d2xx.ListDevices(&count, nullptr, FT_LIST_NUMBER_ONLY)) {
     return origin(record, HERE, kInterfaceList, "FTx232H - Could not create list of connected FT-devices");
@@ -98,7 +107,10 @@ extern "C" int32_t FTx232H_ListDevices(InterfaceHandle *bridge, char *out, uint3
   for (uint32_t index = 0; index < count; ++index) {
     // Only its status counts: the description is no part of a connection string.
     char text[kD2xxTextSize];
-    const FT_STATUS described = deviceText(d2xx, index, FT_OPEN_BY_DESCRIPTION, text);
+    FT_STATUS described = deviceText(d2xx, index, FT_OPEN_BY_DESCRIPTION, text);
+    if (described == FT_DEVICE_NOT_OPENED && closeLeftDevices(d2xx)) {
+      described = deviceText(d2xx, index, FT_OPEN_BY_DESCRIPTION, text);
+    }
     if ((described && described != FT_DEVICE_NOT_OPENED) || readSerial(d2xx, index, open_devices, text)) {
       return origin(record, HERE, kInterfaceList,
                     "FTx232H - Could not retrieve information about the connected FT-device");
