@@ -30,6 +30,7 @@ int32_t QTX_IO_SetValue(QTX_Handle *handle, uint32_t pin, uint32_t value) {
   if (int32_t code = checkCall(handle, HERE)) return code;
   if (int32_t code = checkInterface(handle, HERE, &InterfaceHandle::SetIO)) return code;
   InterfaceHandle *bridge = handle->interface_handle;
+  const InterfaceLock lock(bridge);
   if (int32_t code = bridge->SetIO(bridge, pin, value)) return passThrough(handle->error, HERE_AT(2279), code);
   return kSuccess;
 }
@@ -38,6 +39,7 @@ int32_t QTX_IO_SetDirection(QTX_Handle *handle, uint32_t pin, uint32_t direction
   if (int32_t code = checkCall(handle, HERE)) return code;
   if (int32_t code = checkInterface(handle, HERE, &InterfaceHandle::SetIO_Direction)) return code;
   InterfaceHandle *bridge = handle->interface_handle;
+  const InterfaceLock lock(bridge);
   if (int32_t code = bridge->SetIO_Direction(bridge, pin, direction, value)) {
     return passThrough(handle->error, HERE_AT(2292), code);
   }
@@ -48,6 +50,7 @@ int32_t QTX_IO_GetValue(QTX_Handle *handle, uint32_t pin, uint32_t *value) {
   if (int32_t code = checkCall(handle, HERE, value)) return code;
   if (int32_t code = checkInterface(handle, HERE, &InterfaceHandle::GetIO)) return code;
   InterfaceHandle *bridge = handle->interface_handle;
+  const InterfaceLock lock(bridge);
   if (int32_t code = bridge->GetIO(bridge, pin, value)) return passThrough(handle->error, HERE_AT(2305), code);
   return kSuccess;
 }
@@ -58,6 +61,7 @@ int32_t QTX_SPI_SendReceive(QTX_Handle *handle, uint32_t channel, const uint8_t 
   if ((!out && out_count > 0) || (!in && in_count > 0)) return origin(handle->error, HERE, kError);
   if (int32_t code = checkInterface(handle, HERE, &InterfaceHandle::SendReceiveSPI)) return code;
   InterfaceHandle *bridge = handle->interface_handle;
+  const InterfaceLock lock(bridge);
   if (int32_t code = bridge->SendReceiveSPI(bridge, channel, out, out_count, in, in_count, SPI_MODE_EXECUTE)) {
     return passThrough(handle->error, HERE_AT(2318), code);
   }
@@ -70,6 +74,7 @@ int32_t QTX_SPI_SendReceiveBits(QTX_Handle *handle, uint32_t channel, const uint
   if ((!out && out_bits > 0) || (!in && in_bits > 0)) return origin(handle->error, HERE, kError);
   if (int32_t code = checkInterface(handle, HERE, &InterfaceHandle::SendReceiveBitsSPI)) return code;
   InterfaceHandle *bridge = handle->interface_handle;
+  const InterfaceLock lock(bridge);
   if (int32_t code = bridge->SendReceiveBitsSPI(bridge, channel, out, out_bits, in, in_bits, flags)) {
     return passThrough(handle->error, HERE_AT(2331), code);
   }
@@ -82,6 +87,7 @@ int32_t QTX_InterfaceLogging(QTX_Handle *handle, int32_t mode, const char *file_
   if (mode == kOpen && !file_name) return origin(handle->error, HERE, kError);
   if (int32_t code = checkInterface(handle, HERE, &InterfaceHandle::InterfaceLogging)) return code;
   InterfaceHandle *bridge = handle->interface_handle;
+  const InterfaceLock lock(bridge);
   if (int32_t code = bridge->InterfaceLogging(bridge, mode, file_name)) {
     return passThrough(handle->error, HERE_AT(2344), code);
   }
@@ -92,6 +98,7 @@ int32_t QTX_InterfaceLogComment(QTX_Handle *handle, const char *text) {
   if (int32_t code = checkCall(handle, HERE, text)) return code;
   if (int32_t code = checkInterface(handle, HERE, &InterfaceHandle::InterfaceLogComment)) return code;
   InterfaceHandle *bridge = handle->interface_handle;
+  const InterfaceLock lock(bridge);
   if (int32_t code = bridge->InterfaceLogComment(bridge, text)) return passThrough(handle->error, HERE_AT(2357), code);
   return kSuccess;
 }

@@ -60,8 +60,7 @@ int32_t reserve(FTx232H_Connection &connection, const Transfer &transfer, size_t
   return kBufferTooSmall;
 }
 
-// Takes the transfer's answer into the pending count; the code of a transfer that can't be done. What is only wrongly
-// asked for leaves the batch to the next call.
+// Takes the transfer's answer into the pending count; the code of a transfer that can't be done.
 int32_t admit(FTx232H_Connection &connection, const Transfer &transfer) {
   if (transfer.mode < SPI_MODE_QUEUE || transfer.mode > SPI_MODE_COLLECT) return kError;
   if (transfer.out_count > 0 && !transfer.out) return kError;
@@ -122,14 +121,24 @@ int32_t FTx232H_SendReceiveSPI(InterfaceHandle *bridge, uint32_t channel, const 
   if (!connection) return origin(record, HERE, kInterfaceNotInitialized);
   const Transfer transfer{out, countOf(out_count), in, in_count, mode};
 
+  // Whatever is refused or fails from here on, no answer stays pending: the next transfer would copy more than its
+  // caller asked for.
   const int32_t chip_select = FTx232H_ID_to_SPIchannel(bridge->owner, static_cast<int32_t>(channel));
-  if (!isBridgePin(chip_select)) return origin(record, HERE, kIoRead, kChannelMessage);
-  if (int32_t code = settlePrograms(bridge)) return passThrough(record, HERE, code);
-  if (int32_t code = admit(*connection, transfer)) return origin(record, HERE, code);
+  if (!isBridgePin(chip_select)) {
+    connection->pending_read_count = 0;
+    return origin(record, HERE, kIoRead, kChannelMessage);
+  }
+  if (int32_t code = settlePrograms(bridge)) {
+    connection->pending_read_count = 0;
+    return passThrough(record, HERE, code);
+  }
+  if (int32_t code = admit(*connection, transfer)) {
+    connection->pending_read_count = 0;
+    return origin(record, HERE, code);
+  }
   appendTransfer(*connection, chip_select, transfer);
   if (mode == SPI_MODE_QUEUE) return kSuccess;
 
-  // Whatever fails from here on, no answer stays pending: the next transfer would copy more than its caller asked for.
   if (SendBytesToDevice(bridge)) {
     connection->pending_read_count = 0;
     return passThrough(record, HERE, kInterfaceWrite);
@@ -149,10 +158,11 @@ int32_t FTx232H_SendReceiveBitsSPI(InterfaceHandle *bridge, uint32_t channel, co
   QTX_StackTrace *record = interfaceErrorRecord(bridge);
   FTx232H_Connection *connection = connectionOf(bridge);
   if (!connection) return origin(record, HERE, kInterfaceNotInitialized);
+  connection->pending_read_count = 0;
   const int32_t chip_select = FTx232H_ID_to_SPIchannel(bridge->owner, static_cast<int32_t>(channel));
   if (!isBridgePin(chip_select)) return origin(record, HERE, kIoRead, kChannelMessage);
   if (int32_t code = settlePrograms(bridge)) return passThrough(record, HERE, code);
-  dropBatch(*connection);
+  connection->output_count = 0;
 
   const size_t bits = countOf(out_bits);
   const size_t answer = bytesFor(countOf(in_bits));
@@ -174,7 +184,11 @@ int32_t FTx232H_SendReceiveBitsSPI(InterfaceHandle *bridge, uint32_t channel, co
     return passThrough(record, HERE, code);
   }
   logWrittenBits(bridge, out, bytesFor(bits));
-  if (answer == 0) return origin(record, HERE, kInterfaceWrite, "FTx232H - Failed writing data to the SPI bus");
+  if (answer == 0) {
+    // The bits clocked in all the same are nobody's answer.
+    if (bits > 0) ReadInQueue(bridge, static_cast<uint32_t>(bytesFor(bits)));
+    return origin(record, HERE, kInterfaceWrite, "FTx232H - Failed writing data to the SPI bus");
+  }
   if (ReadInQueue(bridge, connection->pending_read_count)) {
     connection->pending_read_count = 0;
     return origin(record, HERE, kInterfaceRead, "FTx232H - Failed reading data from SPI bus");
@@ -188,6 +202,7 @@ int32_t setSPIClockFrequency(QTX_Handle *owner, int16_t divisor) {
   FTx232H_Connection *connection = bridge ? connectionOf(bridge) : nullptr;
   if (!connection) return kSuccess;
   QTX_StackTrace *record = interfaceErrorRecord(bridge);
+  const InterfaceLock lock(bridge);
   if (int32_t code = settlePrograms(bridge)) return passThrough(record, HERE, code);
   if (!reserveOutput(*connection, 3)) return origin(record, HERE, kBufferTooSmall);
   appendOutput(*connection, {kSetDivisor, static_cast<uint8_t>(divisor), static_cast<uint8_t>(divisor >> 8)});

@@ -38,7 +38,7 @@ int32_t drain(InterfaceHandle *bridge) {
 
 bool reserveOutput(FTx232H_Connection &connection, size_t count) {
   if (count <= sizeof connection.output_buffer - connection.output_count) return true;
-  connection.output_count = 0;
+  connection.output_count = connection.pending_read_count = 0;
   return false;
 }
 
