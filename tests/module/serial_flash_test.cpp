@@ -193,6 +193,14 @@ TEST_F(SerialFlash, FailingTransferEndsTheOperationWithItsCode) {
   }
 }
 
+// The bridge keeps what it could not send; the status read takes its place, so that nothing is programmed later.
+TEST_F(SerialFlash, CommandThatCouldNotBeSentIsReplacedByAStatusRead) {
+  bridge.failure = 265;
+  bridge.fail_at = 1;
+  EXPECT_EQ(programOtp(2, 0), 265);
+  EXPECT_EQ(bridge.transcript(), "06 9B000020+2 05?1");
+}
+
 TEST_F(SerialFlash, WriteDisableDecidesTheCodeOfAFailedCycle) {
   bridge.statuses = {0x20};
   bridge.fail_at = 4;
@@ -267,6 +275,9 @@ TEST_F(SerialFlash, BadInputIsRefusedBeforeAnythingIsSent) {
       {"read, misaligned", [&](B b) { return sflashReadMemory(b, 1, 0x80, answer.data(), 1); }, 1, kMisaligned},
       {"write, misaligned", [&](B b) { return sflashWriteMemory(b, 1, 0x1001, data.data(), 1); }, 1, kMisaligned},
       {"read beyond 24 bits", [&](B b) { return sflashReadMemory(b, 1, 0x1000000, answer.data(), 1); }, 1, kOutside},
+      {"read past the end", [&](B b) { return sflashReadMemory(b, 1, 0xffff00, answer.data(), 257); }, 1, kOutside},
+      {"OTP read past the end", [&](B b) { return sflashReadOtpRegister(b, 1, 0xffffff, answer.data(), 2); }, 1,
+       kOutside},
       {"write beyond 24 bits", [&](B b) { return sflashWriteMemory(b, 1, 0x1000000, data.data(), 1); }, 1, kOutside},
       {"write past the end", [&](B b) { return sflashWriteMemory(b, 1, 0xffff00, data.data(), 257); }, 1, kOutside},
       {"erase beyond 24 bits", [&](B b) { return sFlashErase4kBlock(b, 1, 0xf1000000), 1; }, 1, kOutside},

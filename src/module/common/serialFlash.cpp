@@ -60,6 +60,15 @@ class Flash {
     return transfer(command, &answer, answer_count);
   }
 
+  // What could not be sent stays in the bridge's batch and would go out with the next pin command: a transfer of its
+  // own takes the batch's place. The failure that led here is the one to report.
+  void discardUnsent() const {
+    const QTX_StackTrace failure = record() ? *record() : QTX_StackTrace{};
+    uint8_t ignored = 0;
+    readStatus(&ignored);
+    if (record()) *record() = failure;
+  }
+
   int32_t readStatus(uint8_t *status) const {
     const uint8_t command[] = {kReadStatus};
     return transfer(command, status, 1);
@@ -85,7 +94,10 @@ constexpr WriteCycle kProgramCycle{.failure = kFlashProgram, .polls = 500, .disa
 
 int32_t write(const Flash &flash, std::span<const uint8_t> command, const WriteCycle &cycle) {
   if (int32_t code = flash.send(kWriteEnable)) return code;
-  if (int32_t code = flash.transfer(command)) return code;
+  if (int32_t code = flash.transfer(command)) {
+    if (code == kInterfaceWrite) flash.discardUnsent();
+    return code;
+  }
 
   uint8_t status = 0;
   const uint8_t &busy = cycle.busy_instead_of ? *cycle.busy_instead_of : status;
@@ -158,7 +170,7 @@ int32_t sflashWritePage(InterfaceHandle *bridge, uint32_t channel, uint32_t addr
 
 int32_t sflashReadBuffer(InterfaceHandle *bridge, uint32_t channel, uint32_t address, uint8_t *dest, int32_t length) {
   const Flash flash(bridge, channel, HERE);
-  if (!insideFlash(address, 0)) return flash.fail(kError, kOutsideFlash);
+  if (!insideFlash(address, static_cast<uint32_t>(std::max(length, 0)))) return flash.fail(kError, kOutsideFlash);
   if (length < 0) return flash.fail(kBufferTooSmall);
   if (!dest && length > 0) return flash.fail(kError);
 
@@ -210,8 +222,8 @@ int32_t sflashProgramOtpRegister(InterfaceHandle *bridge, uint32_t channel, int3
 int32_t sflashReadOtpRegister(InterfaceHandle *bridge, uint32_t channel, uint32_t offset, uint8_t *dest,
                               int32_t length) {
   const Flash flash(bridge, channel, HERE);
-  if (!insideFlash(offset, 0)) return flash.fail(kError, kOutsideFlash);
   const uint32_t count = static_cast<uint32_t>(length);
+  if (!insideFlash(offset, std::min(count, kTransferLimit))) return flash.fail(kError, kOutsideFlash);
   if (count > kTransferLimit) return flash.fail(kBufferTooSmall);
   if (!dest && count > 0) return flash.fail(kError);
 
