@@ -92,6 +92,12 @@ int32_t readRegister(QTX_Handle *access, TracePoint at, uint8_t address, uint32_
   return kSuccess;
 }
 
+int32_t checkWriteLength(QTX_Handle *access, TracePoint at, int32_t byte_count) {
+  if (byte_count > kMaxRegisterBytes) return origin(access->error, at, kError, "A register has at most 8 bytes");
+  if (byte_count < 0) return origin(access->error, at, kError, "A register has no negative length");
+  return kSuccess;
+}
+
 int32_t writeWhenIdle(QTX_Handle *access, TracePoint at, ReadRegisterFunction read_while_locked, uint64_t sweeping_bit,
                       const uint8_t *frame, int32_t length) {
   InterfaceHandle *bridge = bridgeOf(access);

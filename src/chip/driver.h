@@ -46,6 +46,9 @@ enum ByteOrder { kLeastSignificantFirst, kMostSignificantFirst };
 int32_t readRegister(QTX_Handle *access, TracePoint at, uint8_t address, uint32_t byte_count, ByteOrder order,
                      uint64_t *value);
 
+// Code 1 for a length that no register has.
+int32_t checkWriteLength(QTX_Handle *access, TracePoint at, int32_t byte_count);
+
 // A register write: sends the frame, once the sweep has ended when a radar is open.
 using ReadRegisterFunction = int32_t (*)(QTX_Handle *, uint8_t, uint32_t, uint64_t *);
 int32_t writeWhenIdle(QTX_Handle *access, TracePoint at, ReadRegisterFunction read_while_locked, uint64_t sweeping_bit,

@@ -134,6 +134,9 @@ TEST_F(Cdf, RefusesATableThatIsTooSmallAndAStepOfZero) {
   EXPECT_EQ(QTX3701_getCDF(nullptr, table.data(), 96), kChipNotInitialized);
   EXPECT_EQ(QTX3701_getCDF_Line(nullptr, 0, table.data(), 32), kChipNotInitialized);
   EXPECT_EQ(radar.log, Log{});
+  radar.pin_code = kIoSet;
+  EXPECT_EQ(cdf(), kIoSet);
+  radar.pin_code = 0;
   EXPECT_EQ(QTX3701_getCDF_Line(radar.handle.chip, 0, table.data(), 32), 0);
   ASSERT_EQ(radar.set("DACStepFine", 0), 0);
   EXPECT_EQ(cdf(), kIllegalValue);

@@ -1,7 +1,5 @@
 #include "QTX3400.h"
 
-#include <algorithm>
-
 #include "../driver.h"
 
 using namespace pulsekit;
@@ -37,14 +35,11 @@ int32_t CHIP(ReadRegister_local)(QTX_Handle *access, uint8_t address, uint32_t b
 
 int32_t CHIP(WriteRegister)(QTX_Handle *access, uint8_t address, int32_t byte_count, uint64_t value) {
   if (!access) return kRadarNotInitialized;
-  if (byte_count > kMaxRegisterBytes) {
-    return origin(access->error, HERE, kError, "A register has at most 8 bytes");
-  }
+  if (int32_t code = checkWriteLength(access, HERE, byte_count)) return code;
   byte_count = widened(byte_count);
   uint8_t frame[2 + kMaxRegisterBytes] = {static_cast<uint8_t>(address | kWrite), static_cast<uint8_t>(byte_count)};
-  const int32_t data_count = std::max(byte_count, 0);
-  for (int32_t i = data_count; i > 0; --i, value >>= 8) frame[1 + i] = static_cast<uint8_t>(value);
-  return writeWhenIdle(access, HERE, CHIP(ReadRegister_local), kSweeping, frame, 2 + data_count);
+  for (int32_t i = byte_count; i > 0; --i, value >>= 8) frame[1 + i] = static_cast<uint8_t>(value);
+  return writeWhenIdle(access, HERE, CHIP(ReadRegister_local), kSweeping, frame, 2 + byte_count);
 }
 
 int32_t CHIP(ReadMemory)(QTX_Handle *access, uint8_t address, uint32_t byte_count, uint8_t *buffer) {

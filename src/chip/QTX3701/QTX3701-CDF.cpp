@@ -77,7 +77,7 @@ int32_t CHIP(getCDF)(ChipHandle *chip, uint32_t *table, int32_t capacity) {
   if (int32_t code = setInteger(variables, "DACMin", 0)) return passThrough(record, HERE, code);
   if (int32_t code = setInteger(variables, "DACMax", 0)) return passThrough(record, HERE, code);
   if (int32_t code = setInteger(variables, "DACOverride", 1)) return passThrough(record, HERE, code);
-  CHIP(setSweepPin)(chip, 0);
+  if (int32_t code = CHIP(setSweepPin)(chip, 0)) return passThrough(record, HERE, code);
   const uint64_t passes = setting(variables, "CDF_SpreadingFactor");
   for (uint64_t pass = 1; pass <= passes; ++pass) {
     uint32_t *line = table;
@@ -87,7 +87,7 @@ int32_t CHIP(getCDF)(ChipHandle *chip, uint32_t *table, int32_t capacity) {
       }
     }
   }
-  CHIP(setSweepPin)(chip, 1);
+  if (int32_t code = CHIP(setSweepPin)(chip, 1)) return passThrough(record, HERE, code);
   if (int32_t code = setInteger(variables, "DACMin", dac_min_afterwards)) return passThrough(record, HERE, code);
   if (int32_t code = setInteger(variables, "DACMax", dac_max_afterwards)) return passThrough(record, HERE, code);
   if (int32_t code = setInteger(variables, "DACOverride", override_afterwards)) return passThrough(record, HERE, code);

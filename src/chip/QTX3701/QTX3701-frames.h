@@ -12,8 +12,8 @@ struct SweepExtent {
 };
 SweepExtent CHIP(sweepExtent)(VariableSet *set);
 
-// The sweep pin is low while the chip sweeps. Failures are ignored.
-void CHIP(setSweepPin)(const ChipHandle *chip, uint32_t level);
+// The sweep pin is low while the chip sweeps. Captures go on without it.
+int32_t CHIP(setSweepPin)(const ChipHandle *chip, uint32_t level);
 
 // Reads the counters of one sweep from the sampler memory.
 int32_t CHIP(readCounters)(const ChipHandle *chip, SweepExtent extent, uint32_t *counters);

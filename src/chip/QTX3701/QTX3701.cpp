@@ -38,13 +38,10 @@ int32_t CHIP(ReadRegister_local)(QTX_Handle *access, uint8_t address, uint32_t b
 
 int32_t CHIP(WriteRegister)(QTX_Handle *access, uint8_t address, int32_t byte_count, uint64_t value) {
   if (!access) return kRadarNotInitialized;
-  if (byte_count > kMaxRegisterBytes) {
-    return origin(access->error, HERE, kError, "A register has at most 8 bytes");
-  }
+  if (int32_t code = checkWriteLength(access, HERE, byte_count)) return code;
   uint8_t frame[2 + kMaxRegisterBytes] = {static_cast<uint8_t>(address | kWrite), static_cast<uint8_t>(byte_count)};
-  const int32_t data_count = std::max(byte_count, 0);
-  for (int32_t i = 0; i < data_count; ++i, value >>= 8) frame[2 + i] = static_cast<uint8_t>(value);
-  return writeWhenIdle(access, HERE, CHIP(ReadRegister_local), kSweeping, frame, 2 + data_count);
+  for (int32_t i = 0; i < byte_count; ++i, value >>= 8) frame[2 + i] = static_cast<uint8_t>(value);
+  return writeWhenIdle(access, HERE, CHIP(ReadRegister_local), kSweeping, frame, 2 + byte_count);
 }
 
 int32_t CHIP(ReadMemory)(QTX_Handle *access, uint8_t address, uint32_t byte_count, uint8_t *buffer) {
@@ -95,10 +92,10 @@ SweepExtent CHIP(sweepExtent)(VariableSet *set) {
           static_cast<uint32_t>(setting(set, "BytesPerCounter"))};
 }
 
-void CHIP(setSweepPin)(const ChipHandle *chip, uint32_t level) {
+int32_t CHIP(setSweepPin)(const ChipHandle *chip, uint32_t level) {
   InterfaceHandle *bridge = bridgeOf(chip->access);
   InterfaceLock lock(bridge);
-  if (bridge && bridge->SetIO) bridge->SetIO(bridge, kSweepPin, level);
+  return bridge && bridge->SetIO ? bridge->SetIO(bridge, kSweepPin, level) : int32_t{kSuccess};
 }
 
 int32_t CHIP(readCounters)(const ChipHandle *chip, SweepExtent extent, uint32_t *counters) {
@@ -132,6 +129,7 @@ class Window {
   int32_t moveTo(uint64_t sweep) const {
     return varSetFloatValue(set_, delay_, static_cast<double>(sweep) * step_ + bitsToDouble(original_));
   }
+  int32_t moveToStart() const { return varSetFloatValue(set_, delay_, bitsToDouble(original_)); }
   int32_t putBack() const {
     return automatic_ ? varSetIntValue(set_, delay_, VAR_AUTO) : varSetValue(set_, delay_, original_);
   }
@@ -201,8 +199,9 @@ int32_t CHIP(CaptureFrame)(ChipHandle *chip, uint32_t *frame, int32_t capacity, 
     CHIP(setSweepPin)(chip, 1);
     if (pipelining) {
       // The next sweep runs while this one is read out; after the last it is the first one of the next frame.
-      const uint64_t next = (sweep + 1) % sweeps;
-      if (int32_t code = sweeps > 1 ? window.moveTo(next) : window.putBack()) return passThrough(record, HERE, code);
+      const bool last = sweep + 1 == sweeps;
+      const int32_t moved = sweeps < 2 ? window.putBack() : last ? window.moveToStart() : window.moveTo(sweep + 1);
+      if (moved) return passThrough(record, HERE, moved);
       if (int32_t code = startSweep(chip)) return passThrough(record, HERE, code);
     }
     if (int32_t code = CHIP(readCounters)(chip, extent, frame + sweep * extent.samplers)) {
