@@ -8,6 +8,7 @@
 #include "Pulsekit3.h"
 #include "Pulsekit3_radars.h"
 #include "calls.h"
+#include "support/handle_state.h"
 #include "support/numbers.h"
 
 using namespace pulsekit;
@@ -243,6 +244,7 @@ int32_t QTX_VarsLoadFromFlash(QTX_Handle *handle) try {
     return origin(handle->error, HERE_AT(1852), kNoValidSetup, "Values in Flash are invalid");
   }
 
+  const Restoring restoring(handle);
   const uint64_t *module_values = record.data() + kFirstVariable;
   if (int32_t code = loadModuleValues(module, module_values)) return passThrough(handle->error, HERE_AT(1875), code);
   if (int32_t code = loadChipValues(chip, module_values + countOf(module), record)) {

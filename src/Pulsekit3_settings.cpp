@@ -9,6 +9,7 @@
 #include "Pulsekit3.h"
 #include "calls.h"
 #include "platform/platform.h"
+#include "support/handle_state.h"
 #include "support/numbers.h"
 
 using namespace pulsekit;
@@ -146,6 +147,7 @@ int32_t QTX_VarsLoadFromFile(QTX_Handle *handle, const char *path) try {
   const File file(std::fopen(path, "r"));
   if (!file) return origin(handle->error, HERE_AT(2058), kCouldNotOpenFile, "Could not open file for read");
 
+  const Restoring restoring(handle);
   char line[kLineSize];
   bool in_section = false;
   int32_t unknown = 0;
@@ -182,6 +184,7 @@ int32_t QTX_VarsResetAllToDefault(QTX_Handle *handle) {
   VariableSet *module = handle->module->variables;
   VariableSet *chip = handle->chip->variables;
   if (int32_t code = resetVariables(handle->error, module, HERE_AT(2204))) return code;
+  chipSettingsReset(handle->chip);
   if (int32_t code = resetVariables(handle->error, chip, HERE_AT(2219))) return code;
   if (int32_t code = module ? varsUpdateAllBackends(module) : int32_t{kSuccess}) {
     return passThrough(handle->error, HERE_AT(2232), code);

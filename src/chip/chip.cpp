@@ -19,6 +19,8 @@ DECLARE_DRIVER(QTX3500);
 DECLARE_DRIVER(QTX3701);
 DECLARE_DRIVER(QTX3702);
 #undef DECLARE_DRIVER
+void QTX3701_forgetPreparation(ChipHandle *);
+void QTX3702_forgetPreparation(ChipHandle *);
 
 namespace {
 
@@ -28,13 +30,14 @@ struct Model {
   const char *(*driver_name)();
   int32_t (*create)(ChipHandle **, QTX_StackTrace **, QTX_Handle *);
   int32_t (*release)(ChipHandle **, QTX_StackTrace **);
+  void (*settings_reset)(ChipHandle *);  // null: nothing follows from settings
 };
 
 constexpr Model kModels[] = {
-    {"QTX3400", 0x305, QTX3400_Name, QTX3400_InitHandle, QTX3400_FreeHandle},
-    {"QTX3500", 0x306, QTX3500_Name, QTX3500_InitHandle, QTX3500_FreeHandle},
-    {"QTX3701", 0x309, QTX3701_Name, QTX3701_InitHandle, QTX3701_FreeHandle},
-    {"QTX3702", 0x308, QTX3702_Name, QTX3702_InitHandle, QTX3702_FreeHandle},
+    {"QTX3400", 0x305, QTX3400_Name, QTX3400_InitHandle, QTX3400_FreeHandle, nullptr},
+    {"QTX3500", 0x306, QTX3500_Name, QTX3500_InitHandle, QTX3500_FreeHandle, nullptr},
+    {"QTX3701", 0x309, QTX3701_Name, QTX3701_InitHandle, QTX3701_FreeHandle, QTX3701_forgetPreparation},
+    {"QTX3702", 0x308, QTX3702_Name, QTX3702_InitHandle, QTX3702_FreeHandle, QTX3702_forgetPreparation},
 };
 
 const Model *modelNamed(const char *name) {
@@ -83,6 +86,11 @@ void fillEmptySlots(ChipOperations &operations) {
 }
 
 }  // namespace
+
+void chipSettingsReset(ChipHandle *chip) {
+  const Model *model = modelNamed(chip->name);
+  if (model && model->settings_reset) model->settings_reset(chip);
+}
 
 extern "C" {
 

@@ -44,6 +44,8 @@ struct ChipHandle {
   uint32_t sweep_idle; /* 0 while a sweep that was started in advance waits to be read */
   uint32_t initializing;
   QTX_StackTrace *error_state;
+  /* Private from here on. */
+  uint32_t prepared_elsewhere; /* 1: the timing record's preparation was loaded with it, not made on this hardware */
 };
 
 QTX_API int32_t chipListSupportedChips(char *buffer, int32_t size);
@@ -62,6 +64,9 @@ QTX_API int32_t chipListActions(ChipHandle *chip, char *buffer, int32_t size);
 
 #ifdef __cplusplus
 }
+
+/* For the driver to forget what followed from settings that are back at their defaults now. */
+void chipSettingsReset(ChipHandle *chip);
 #endif
 
 #endif

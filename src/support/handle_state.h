@@ -23,6 +23,7 @@ struct HandleState {
   std::unique_ptr<HandlePart> advice;
   int32_t wait_limit_ms = 0;  // of waits that have no limit of their own; 0: none
   bool lost = false;          // the bridge failed as one that is gone does
+  bool restoring = false;     // settings are being loaded from a file or from flash
 
   // ---- The call in progress ----
   int32_t depth = 0;
@@ -51,6 +52,22 @@ class CallScope {
   CallScope &operator=(const CallScope &) = delete;
   // The code of a call whose last step gave `code`: where a wait was ended and nobody passed it on, that code.
   int32_t result(int32_t code) const { return code == 0 && state_ ? state_->ended : code; }
+
+ private:
+  HandleState *state_;
+};
+
+// Stands where settings are loaded.
+class Restoring {
+ public:
+  explicit Restoring(const QTX_Handle *handle) : state_(stateOf(handle)) {
+    if (state_) state_->restoring = true;
+  }
+  ~Restoring() {
+    if (state_) state_->restoring = false;
+  }
+  Restoring(const Restoring &) = delete;
+  Restoring &operator=(const Restoring &) = delete;
 
  private:
   HandleState *state_;

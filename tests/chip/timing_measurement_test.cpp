@@ -249,13 +249,12 @@ TEST_F(TimingMeasurement, TheFailureThatEndedASweepIsReportedNotTheOneOfRestorin
   EXPECT_EQ(radar.handle.error->code, kInterfaceRead);
 }
 
-TEST_F(TimingMeasurement, AFailedSamplingRateLeavesTheDelaysAsTheMeasurementSetThem) {
+TEST_F(TimingMeasurement, AFailedSamplingRatePutsTheDelaysBack) {
   ASSERT_EQ(radar.set("SDCT", 5), 0);
   failTransfer("78 05");
   EXPECT_EQ(QTX3701_measureSamplesPerSecond(radar.variables()), kInterfaceRead);
   EXPECT_TRUE(radar.traceNames("QTX3701_measureSamplesPerSecond")) << radar.trace();
-  EXPECT_EQ(radar.get("SDCT"), 0);
-  EXPECT_EQ(radar.get("SDLMeasEnable"), 1);
+  EXPECT_EQ(radar.get("SDCT"), 5);
   EXPECT_EQ(radar.record->samples_per_second, 0);
 }
 
@@ -420,6 +419,8 @@ TEST_F(TimingMeasurement, TheTargetFrequencyTunesUnlessTheOscillatorIsOffAlready
 }
 
 TEST_F(TimingMeasurement, AFailedTuningIsTracedThroughTheDriversFunctionToTheVariable) {
+  failTransfer("5c 02");
+  EXPECT_EQ(QTX3701_measurementSetDCOFrequency(radar.variables(), 100'000'000), kInterfaceRead);
   failTransfer("a1 00");
   EXPECT_EQ(radar.set("DCOTargetFrequency", 200'000'000), kInterfaceRead);
   const std::string trace = radar.handle.error->trace;

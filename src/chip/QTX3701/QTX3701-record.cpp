@@ -53,7 +53,10 @@ int32_t locate(const ChipHandle *chip, uint32_t block, TracePoint at, ModuleHand
   if (int32_t code = varGetIntValue_ByName((*module)->variables, "FlashBlockSize", &block_size)) {
     return passThrough(chip->error_state, at, code);
   }
-  *address = static_cast<uint32_t>(block_size) * block;
+  // A product that wrapped round would be the address of something else.
+  const uint64_t product = uint64_t{static_cast<uint32_t>(block_size)} * block;
+  *address = static_cast<uint32_t>(product);
+  if (*address != product) return origin(chip->error_state, at, kError, "Address is outside the flash");
   return kSuccess;
 }
 
@@ -113,6 +116,8 @@ int32_t CHIP(measurementLoadDataFromFlash)(ChipHandle *chip, uint32_t block) {
     return passThrough(chip->error_state, HERE, code);
   }
   if (checksum(loaded) != loaded.checksum) return origin(chip->error_state, HERE, kNoValidSetup);
+  const bool prepared_here = record->prepared != 0 && chip->prepared_elsewhere == 0;
+  chip->prepared_elsewhere = loaded.prepared != 0 && !prepared_here;
   *record = loaded;
   for (const Average &average : kAverages) {
     Variable *variable = varNamed(chip->variables, average.variable);

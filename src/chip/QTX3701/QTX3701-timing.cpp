@@ -4,6 +4,8 @@
 #include <iterator>
 #include <optional>
 
+#include "../../support/handle_state.h"
+
 using namespace pulsekit;
 using namespace pulsekit::chip;
 
@@ -69,11 +71,13 @@ struct Sweep {
 
 QTX_Handle *accessOf(const VariableSet *set) { return static_cast<QTX_Handle *>(set->owner); }
 
-// A register that can't be read counts as idle, so that no wait outlives the bus.
-void waitWhile(VariableSet *set, uint8_t address, uint32_t byte_count, uint64_t busy) {
+// A register that can't be read ends the wait: where the code is not looked at, it counts as idle.
+int32_t waitWhile(VariableSet *set, uint8_t address, uint32_t byte_count, uint64_t busy) {
   uint64_t status = 0;
-  while (CHIP(ReadRegister)(accessOf(set), address, byte_count, &status) == kSuccess && (status & busy) != 0) {
-  }
+  do {
+    if (int32_t code = CHIP(ReadRegister)(accessOf(set), address, byte_count, &status)) return code;
+  } while ((status & busy) != 0);
+  return kSuccess;
 }
 
 int32_t setEnables(VariableSet *set, int64_t value) {
@@ -84,7 +88,12 @@ int32_t setEnables(VariableSet *set, int64_t value) {
 }
 
 int32_t prepareOnce(VariableSet *set, const TimingRecord *record) {
-  return record->prepared == 0 ? CHIP(TMeasPrepare)(set) : kSuccess;
+  return record->prepared == 0 || chipOf(set)->prepared_elsewhere ? CHIP(TMeasPrepare)(set) : int32_t{kSuccess};
+}
+
+void notePreparation(ChipHandle *chip, int32_t prepared) {
+  if (chip->timing_record) static_cast<TimingRecord *>(chip->timing_record)->prepared = prepared;
+  chip->prepared_elsewhere = 0;
 }
 
 void waitForResults(VariableSet *set) {
@@ -186,6 +195,11 @@ int32_t measureElement(VariableSet *set, const Chain &chain, const char *range, 
   return kSuccess;
 }
 
+int32_t tuneDco(VariableSet *set) {
+  if (int32_t code = trigger(set, "CalibrateDCO")) return code;
+  return waitWhile(set, kFrequencyStatusRegister, 2, kTunerBusy);
+}
+
 int32_t switchDcoOff(VariableSet *set) {
   for (const char *name : {"DCOTarget", "DCOTunerEnable", "DCOEnable", "DCOActualFrequency"}) {
     if (int32_t code = setInteger(set, name, 0)) return code;
@@ -284,18 +298,18 @@ int32_t CHIP(measureWait)(VariableSet *set) {
 /* ---- One measurement ---- */
 
 int32_t CHIP(TMeasPrepare)(VariableSet *set) {
-  TimingRecord *record = timingRecordOf(set);
-  if (!record) return origin(set->error_state, HERE, kChipNotInitialized);
+  if (!timingRecordOf(set)) return origin(set->error_state, HERE, kChipNotInitialized);
   if (int32_t code = setEnables(set, 1)) return passThrough(set->error_state, HERE, code);
-  record->prepared = 1;
+  notePreparation(chipOf(set), 1);
   return kSuccess;
 }
 
+void CHIP(forgetPreparation)(ChipHandle *chip) { notePreparation(chip, 0); }
+
 int32_t CHIP(TMeasDisable)(VariableSet *set) {
-  TimingRecord *record = timingRecordOf(set);
-  if (!record) return origin(set->error_state, HERE, kChipNotInitialized);
+  if (!timingRecordOf(set)) return origin(set->error_state, HERE, kChipNotInitialized);
   if (int32_t code = setEnables(set, 0)) return passThrough(set->error_state, HERE, code);
-  record->prepared = 0;
+  notePreparation(chipOf(set), 0);
   return kSuccess;
 }
 
@@ -397,8 +411,7 @@ int32_t CHIP(measurementSetDCOFrequency)(VariableSet *set, uint32_t frequency) {
   if (int32_t code = setInteger(set, "DCOEnable", 1)) return passThrough(trace, HERE, code);
   const uint64_t target = frequency * reference_cycles / clock;
   if (int32_t code = setInteger(set, "DCOTarget", static_cast<int64_t>(target))) return passThrough(trace, HERE, code);
-  if (int32_t code = trigger(set, "CalibrateDCO")) return passThrough(trace, HERE, code);
-  waitWhile(set, kFrequencyStatusRegister, 2, kTunerBusy);
+  if (int32_t code = tuneDco(set)) return passThrough(trace, HERE, code);
   uint64_t measured = 0;
   if (int32_t code = varGetValue_ByName(set, "FMeasResult", &measured)) return passThrough(trace, HERE, code);
   const int64_t actual = static_cast<int64_t>(measured * clock / reference_cycles);
@@ -407,8 +420,14 @@ int32_t CHIP(measurementSetDCOFrequency)(VariableSet *set, uint32_t frequency) {
 }
 
 int32_t CHIP(writeDCOTargetFrequency)(VariableSet *set, int64_t frequency) {
-  const bool off = setting(set, "DCOEnable") == 0 && setting(set, "DCOTunerEnable") == 0;
-  if (frequency == 0 && off) return kSuccess;
+  const uint64_t oscillator = setting(set, "DCOEnable"), tuner = setting(set, "DCOTunerEnable");
+  const HandleState *state = stateOf(accessOf(set));
+  if (state && state->restoring) {
+    // The settings that would follow from the frequency are restored themselves.
+    const int32_t code = oscillator == 1 && tuner == 1 ? tuneDco(set) : int32_t{kSuccess};
+    return code ? passThrough(set->error_state, HERE, code) : kSuccess;
+  }
+  if (frequency == 0 && oscillator == 0 && tuner == 0) return kSuccess;
   return CHIP(measurementSetDCOFrequency)(set, static_cast<uint32_t>(frequency));
 }
 
@@ -416,17 +435,20 @@ int64_t CHIP(measurementGetDCOFrequency)(VariableSet *set) {
   return static_cast<int64_t>(setting(set, "DCOActualFrequency"));
 }
 
-// A failure leaves the delays as the measurement set them.
 int32_t CHIP(measureSamplesPerSecond)(VariableSet *set) {
   TimingRecord *record = timingRecordOf(set);
   if (!record) return origin(set->error_state, HERE, kChipNotInitialized);
-  if (int32_t code = measureSamplerDelayLine(set, record)) return passThrough(set->error_state, HERE, code);
+  if (int32_t code = measureSamplerDelayLine(set, record)) {
+    return CHIP(measureRestoreAndReturn)(set, passThrough(set->error_state, HERE, code));
+  }
 
   // The measured line spans one sampler more than a frame.
   const float samplers = static_cast<float>(setting(set, "SamplersOnChip"));
   const float line = static_cast<float>(realSetting(set, "TMeasLastValue"));
   const float frame_size = line * samplers / (samplers + 1);
-  if (int32_t code = setReal(set, "FrameSize", frame_size)) return passThrough(set->error_state, HERE, code);
+  if (int32_t code = setReal(set, "FrameSize", frame_size)) {
+    return CHIP(measureRestoreAndReturn)(set, passThrough(set->error_state, HERE, code));
+  }
   CHIP(measureRestoreDelays)(set);
   if (int32_t code = setReal(set, "SamplesPerSecond", samplers / frame_size)) {
     return passThrough(set->error_state, HERE, code);

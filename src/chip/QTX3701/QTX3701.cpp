@@ -232,6 +232,7 @@ int32_t CHIP(InitChip)(ChipHandle *chip) {
   if (int32_t code = trigger(chip->variables, "ResetSweepController")) {
     return passThrough(chip->error_state, HERE, code);
   }
+  CHIP(forgetPreparation)(chip);
   if (int32_t code = varsInit(chip->variables)) return passThrough(chip->error_state, HERE, code);
   chip->sweep_idle = 1;
   return kSuccess;

@@ -55,7 +55,10 @@ int32_t CHIP(measureAllCoarseTuneElements)(VariableSet *set);
 int32_t CHIP(measureMediumTuneElement)(VariableSet *set, int32_t element);
 int32_t CHIP(measureCoarseTuneElement)(VariableSet *set, int32_t element);
 int32_t CHIP(measurementSetDCOFrequency)(VariableSet *set, uint32_t frequency);
-// Back-end of DCOTargetFrequency: 0 leaves a DCO alone that is off already.
+// The settings that prepare the hardware are back at their defaults.
+void CHIP(forgetPreparation)(ChipHandle *chip);
+// Back-end of DCOTargetFrequency: 0 leaves a DCO alone that is off already, and while settings are restored the DCO is
+// only tuned, where it and its tuner are on.
 int32_t CHIP(writeDCOTargetFrequency)(VariableSet *set, int64_t frequency);
 int64_t CHIP(measurementGetDCOFrequency)(VariableSet *set);
 int32_t CHIP(measureSamplesPerSecond)(VariableSet *set);
