@@ -121,34 +121,23 @@ int32_t FTx232H_SendReceiveSPI(InterfaceHandle *bridge, uint32_t channel, const 
   if (!connection) return origin(record, HERE, kInterfaceNotInitialized);
   const Transfer transfer{out, countOf(out_count), in, in_count, mode};
 
-  // Whatever is refused or fails from here on, no answer stays pending: the next transfer would copy more than its
-  // caller asked for.
+  // Whatever is refused or fails, no answer stays pending: the next transfer would copy more than its caller asked for.
+  const auto failed = [connection](int32_t code) {
+    connection->pending_read_count = 0;
+    return code;
+  };
   const int32_t chip_select = FTx232H_ID_to_SPIchannel(bridge->owner, static_cast<int32_t>(channel));
-  if (!isBridgePin(chip_select)) {
-    connection->pending_read_count = 0;
-    return origin(record, HERE, kIoRead, kChannelMessage);
-  }
-  if (int32_t code = settlePrograms(bridge)) {
-    connection->pending_read_count = 0;
-    return passThrough(record, HERE, code);
-  }
-  if (int32_t code = admit(*connection, transfer)) {
-    connection->pending_read_count = 0;
-    return origin(record, HERE, code);
-  }
+  if (!isBridgePin(chip_select)) return failed(origin(record, HERE, kIoRead, kChannelMessage));
+  if (int32_t code = settlePrograms(bridge)) return failed(passThrough(record, HERE, code));
+  if (int32_t code = admit(*connection, transfer)) return failed(origin(record, HERE, code));
   appendTransfer(*connection, chip_select, transfer);
   if (mode == SPI_MODE_QUEUE) return kSuccess;
 
-  if (SendBytesToDevice(bridge)) {
-    connection->pending_read_count = 0;
-    return passThrough(record, HERE, kInterfaceWrite);
-  }
+  if (SendBytesToDevice(bridge)) return failed(passThrough(record, HERE, kInterfaceWrite));
   logWrittenBytes(bridge, out, transfer.out_count);
   if (connection->pending_read_count == 0) return kSuccess;
-  if (int32_t code = ReadInQueue(bridge, connection->pending_read_count)) {
-    connection->pending_read_count = 0;
-    return passThrough(record, HERE, code);
-  }
+  if (int32_t code = ReadInQueue(bridge, connection->pending_read_count))
+    return failed(passThrough(record, HERE, code));
   logReadBytes(bridge, in, takeAnswer(*connection, in));
   return kSuccess;
 }
