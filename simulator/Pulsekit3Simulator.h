@@ -144,6 +144,7 @@ QTXSIM_API int32_t QTXSim_SetIdleLevel(int32_t device, int32_t level);
 
 /* ---- Flash, one-time-programmable area, chip -------------------------------------------------------------------- */
 
+/* Bytes. */
 #define QTXSIM_FLASH_SIZE 16777216
 #define QTXSIM_OTP_SIZE 256
 
@@ -162,6 +163,7 @@ QTXSIM_API int32_t QTXSim_SetChipId(int32_t device, uint16_t id);
 
 enum { QTXSIM_STILL = 0, QTXSIM_SPEED = 1, QTXSIM_BREATHING = 2 };
 
+/* Something that reflects the pulse. */
 typedef struct QTXSim_Reflector {
   double range;     /* metres, when the scene is set */
   double strength;  /* amplitude of the echo at one metre, in codes of the threshold DAC; it falls with the range squared */
@@ -208,12 +210,13 @@ QTXSIM_API int32_t QTXSim_SetReferenceClock(int32_t device, double hertz);
 
 /* ---- Statistics ------------------------------------------------------------------------------------------------- */
 
+/* What went over the USB. */
 typedef struct QTXSim_Statistics {
   uint64_t calls;             /* of all D2XX functions */
   uint64_t out_transfers;     /* USB transfers to the bridge */
   uint64_t in_transfers;      /* and from it; only those that carry data count */
   uint64_t control_transfers; /* reset, latency timer, bit mode */
-  uint64_t bytes_out;
+  uint64_t bytes_out;         /* data */
   uint64_t bytes_in;          /* data, without the modem-status bytes */
   uint64_t nanoseconds;       /* on the bench's clock */
   uint64_t spi_nanoseconds;   /* of these, SPI clock */
@@ -248,8 +251,9 @@ QTXSIM_API uint64_t QTXSim_Calls(const char *function);
 #define QTXSIM_EVENT_ODD 32u
 #define QTXSIM_EVENT_ALL 63u
 
+/* One event. */
 typedef struct QTXSim_Event {
-  uint32_t kind;
+  uint32_t kind;        /* QTXSIM_EVENT_... */
   int32_t device;       /* -1: none in particular */
   uint64_t nanoseconds; /* when it began; an SPI frame: when it ended */
   uint32_t status;      /* CALL, POLL: what the call returned */
@@ -259,8 +263,8 @@ typedef struct QTXSim_Event {
   int32_t level;        /* PIN */
   const uint8_t *out;   /* SPI: bytes written; CALL of Write: bytes given. Null when out_bits is 0 */
   const uint8_t *in;    /* SPI: bytes read. Null when in_bits is 0 */
-  uint32_t out_bits;
-  uint32_t in_bits;
+  uint32_t out_bits;    /* in out */
+  uint32_t in_bits;     /* in in */
 } QTXSim_Event;
 
 /* Chooses the kinds that are recorded from now on. After a reset: all but QTXSIM_EVENT_POLL. 0 records nothing, which is

@@ -14,13 +14,14 @@ quietly cpack --config "$1/CPackConfig.cmake" -B "$work"
 package=$(echo "$work"/*.deb)
 dpkg-deb -x "$package" "$work/unpacked"
 
-# The first program of the README.
+# The first program of the README, compiled as it says and by CMake.
 sed -n '/^```c$/,/^```$/p' "$2" | sed '/^```/d' >"$work/first.c"
 cp "$(dirname "$0")/consumer.cmake" "$work/CMakeLists.txt"
 quietly cmake -S "$work" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/unpacked/usr"
 quietly cmake --build "$work/build"
 export PKG_CONFIG_PATH=$work/unpacked/usr/lib/pkgconfig
-cc -Wall -Wextra -Werror "$work/first.c" -o "$work/build/second" $(pkg-config --cflags --libs pulsekit3 pulsekit3-simulator)
+compile=$(grep '^cc first.c' "$2")
+(cd "$work" && eval "$compile -Wall -Wextra -Werror")
 
 # The root: the packages that the dependencies need, as this system's dpkg knows them, and those of a shell.
 mkdir -p "$root"/{dev,tmp,usr/{bin,sbin,lib,lib64},var/lib/dpkg/{info,updates}}
@@ -44,7 +45,8 @@ files() { find "$root" -path "$root/var" -prune -o ! -name ld.so.cache -print | 
 files >"$work/before"
 
 quietly dpkg --root="$root" --log="$work/dpkg.log" --install "$package"
-cp "$work"/build/{first,second} "$root/tmp"
+cp "$work/first" "$root/tmp"
+cp "$work/build/first" "$root/tmp/second"
 inside() { env -i PATH=/usr/bin PULSEKIT3_BRIDGE_LIBRARY=libPulsekit3Simulator.so "$(command -v chroot)" "$root" "$@"; }
 inside /tmp/first | grep -x 'level at the first sampler: [0-9.]* %'
 inside /tmp/second | grep -x 'level at the first sampler: [0-9.]* %'

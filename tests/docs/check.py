@@ -1,0 +1,85 @@
+"""Holds the documents to the code: links, paths, names, codes and command lines that they show.
+
+usage: check.py ROOT BUILD   with the built library, simulator and, where there is one, tool
+"""
+
+import ctypes
+import os
+import pathlib
+import re
+import shlex
+import subprocess
+import sys
+import tempfile
+
+ROOT, BUILD = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
+DOCUMENTS = [*ROOT.glob("*.md"), *ROOT.glob("docs/*.md"), ROOT / "generator/README.md"]
+faults = []
+
+
+def anchors(path):
+    headings = re.findall(r"^#+ (.*)$", path.read_text(), re.M)
+    return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings}
+
+
+def check_links(text):
+    for target in re.findall(r"\]\((?!https?:)([^)]+)\)", text):
+        file, _, anchor = target.partition("#")
+        path = (document.parent / file) if file else document
+        if not path.exists():
+            yield f"link to {target}: no such file"
+        elif anchor and anchor not in anchors(path):
+            yield f"link to {target}: no such heading"
+    for path in re.findall(r"`((?:docs|src|scripts|examples|include|simulator|tests|generator|packaging)/[\w./-]*)`", text):
+        if not (ROOT / path).exists() and not (BUILD / path).exists():
+            yield f"{path}: no such file"
+
+
+def check_names(text):
+    for name in set(re.findall(r"\b(?:QTX|QTXSim|FTx232H)_[A-Z]\w+\b(?!\.)", text)) - KNOWN:
+        yield f"{name} is in no header"
+    for name in set(re.findall(r"PULSEKIT\w+\w", text)) - KNOWN:
+        yield f"{name}: no such option or environment variable"
+
+
+def check_codes(text):
+    for code, hexadecimal, message in re.findall(r"^\| (\d+) \| (0x[0-9a-f]+) \| ([^|]*) \|", text, re.M):
+        library = LIBRARY.GetErrorMessage(int(code)).decode()
+        if int(code) != int(hexadecimal, 16) or message != library:
+            yield f"code {code}: the library says {int(code):#x} {library}"
+    for code in re.findall(r"\bcodes? (\d+)\b", text):
+        if LIBRARY.GetErrorMessage(int(code)).startswith(b"NO ERROR"):
+            yield f"code {code} does not exist"
+
+
+def check_commands(text, folder):
+    presets = re.findall(r'"name": "(\w+)"', (ROOT / "CMakePresets.json").read_text())
+    for preset in re.findall(r"--preset (\w+)", text):
+        if preset not in presets:
+            yield f"preset {preset} does not exist"
+    for command in re.findall(r"^pulsekit .*$", "\n".join(re.findall(r"```sh\n(.*?)```", text, re.S)), re.M):
+        if not (BUILD / "pulsekit").exists():
+            continue
+        run = subprocess.run(
+            [BUILD / "pulsekit", *shlex.split(command, comments=True)[1:]], cwd=folder, env=ENVIRONMENT, capture_output=True, text=True
+        )
+        if run.returncode != 0:
+            yield f"{command}: exit code {run.returncode}: {run.stderr}"
+
+
+sources = [p for pattern in ("*.h", "*.cpp", "*.txt", "*.cmake") for p in ROOT.rglob(pattern) if "build" not in p.parts]
+KNOWN = set(re.findall(r"\w+", "\n".join(path.read_text() for path in sources)))
+LIBRARY = ctypes.CDLL(str(BUILD / "libPulsekit3.so"))
+LIBRARY.GetErrorMessage.restype = ctypes.c_char_p
+with tempfile.TemporaryDirectory() as scratch:
+    ENVIRONMENT = os.environ | {
+        "PULSEKIT3_BRIDGE_LIBRARY": str(BUILD / "libPulsekit3Simulator.so"),
+        "PULSEKIT3_SIMULATED_TIME": "deterministic",
+        "HOME": scratch,
+    }
+    for document in DOCUMENTS:
+        content = document.read_text()
+        found = [*check_links(content), *check_names(content), *check_codes(content), *check_commands(content, scratch)]
+        faults += [f"{document.relative_to(ROOT)}: {fault}" for fault in found]
+print("\n".join(faults) or f"{len(DOCUMENTS)} documents agree")
+sys.exit(bool(faults))
