@@ -74,9 +74,7 @@ void resetBench() {
   bench().nextHandle = nextHandle;
 }
 
-Bench::Bench() : recorder_(clock_), lastReturn_(RealTime::now()) {
-  recorder_.setKinds(QTXSIM_EVENT_ALL & ~QTXSIM_EVENT_POLL);
-}
+Bench::Bench() : lastReturn_(RealTime::now()) { recorder_.setKinds(QTXSIM_EVENT_ALL & ~QTXSIM_EVENT_POLL); }
 
 Bench::~Bench() { handles.clear(); }
 
@@ -93,8 +91,6 @@ int32_t Bench::addDevice(std::string_view serial, std::string_view description, 
   if (serial.empty() || serial.size() + letter >= kSerialSize) return -1;
   if (description.size() + 2 * letter >= kDescriptionSize) return -1;
   if ((chip && !board) || (board && std::string_view(board).size() >= kNameSize)) return -1;
-  std::unique_ptr<RadarChip> radar;
-  if (chip && !(radar = makeRadarChip(chip, clock_, seedOf(serial)))) return -1;
 
   auto device = std::make_unique<Device>();
   device->number = static_cast<int32_t>(devices_.size());
@@ -106,10 +102,13 @@ int32_t Bench::addDevice(std::string_view serial, std::string_view description, 
   device->channels.resize(model.channels);
   for (size_t i = 0; i < std::min(model.channels, kMpsseChannels); ++i) {
     device->channels[i] =
-        std::make_unique<UsbChannel>(clock_, recorder_, device->number, model.fifoSize, model.highBank);
+        std::make_unique<UsbChannel>(clock_.nanoseconds(), recorder_, device->number, model.fifoSize, model.highBank);
   }
+  Clock &clock = device->channels[0]->clock();
+  std::unique_ptr<RadarChip> radar;
+  if (chip && !(radar = makeRadarChip(chip, clock, seedOf(serial)))) return -1;
   if (board) {
-    device->channels[0]->pins().attach(std::make_unique<Board>(clock_, board, std::move(radar)));
+    device->channels[0]->pins().attach(std::make_unique<Board>(clock, board, std::move(radar)));
     applyPollPause(*device);
   }
   devices_.push_back(std::move(device));
@@ -168,6 +167,7 @@ void Bench::beginCall(Function function) {
     clock_.advance(static_cast<uint64_t>(std::max<int64_t>(passed, 0)));
   }
   callStartClock_ = clock_.nanoseconds();
+  catchUp();
   ++counts_.calls;
   ++callsOf_[static_cast<size_t>(function)];
   for (ScheduledUnplug &entry : unplugs_) {
@@ -236,6 +236,14 @@ void Bench::applyPollPause(Device &device) const {
   device.board()->flash().setPollPause(timeMode_ == QTXSIM_TIME_DETERMINISTIC ? kPollPause : 0);
 }
 
+void Bench::catchUp() {
+  for (auto &device : devices_) {
+    for (auto &channel : device->channels) {
+      if (channel) channel->runTo(clock_.nanoseconds());
+    }
+  }
+}
+
 uint64_t Bench::spiNanoseconds() {
   uint64_t sum = 0;
   for (auto &device : devices_) {
@@ -245,6 +253,7 @@ uint64_t Bench::spiNanoseconds() {
 }
 
 QTXSim_Statistics Bench::statistics() {
+  for (auto &[value, port] : handles) port->collect();
   QTXSim_Statistics result = counts_;
   result.nanoseconds = clock_.nanoseconds() - statisticsStart_;
   result.spi_nanoseconds = spiNanoseconds() - statisticsSpi_;
@@ -252,6 +261,7 @@ QTXSim_Statistics Bench::statistics() {
 }
 
 void Bench::resetStatistics() {
+  for (auto &[value, port] : handles) port->collect();
   counts_ = {};
   callsOf_ = {};
   statisticsStart_ = clock_.nanoseconds();

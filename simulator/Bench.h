@@ -87,7 +87,10 @@ class Bench {
   void clearFaults();
 
   void setTimeMode(int32_t mode);
+  // The host's.
   Clock &clock() { return clock_; }
+  // Lets everything happen that is over by now.
+  void catchUp();
   Recorder &recorder() { return recorder_; }
   QTXSim_Statistics &counts() { return counts_; }
   QTXSim_Statistics statistics();

@@ -78,7 +78,7 @@ uint8_t Board::outgoing(Line &line) {
 }
 
 void Board::exchange(const uint8_t *in, uint8_t *out, size_t count) {
-  if (!chipLine_.selected && !flashLine_.selected) {
+  if (!selected()) {
     std::memset(out, idle_, count);
     return;
   }
@@ -98,7 +98,7 @@ void Board::exchange(const uint8_t *in, uint8_t *out, size_t count) {
 
 // Two selected devices pull against each other; the low one wins.
 bool Board::exchangeBit(bool in) {
-  if (!chipLine_.selected && !flashLine_.selected) return idle_ != 0;
+  if (!selected()) return idle_ != 0;
   bool level = true;
   if (chipLine_.selected) level = lineBit(chipLine_, in);
   if (flashLine_.selected) level = lineBit(flashLine_, in) && level;

@@ -27,6 +27,8 @@ class Board {
   void setFlashPresent(bool present);
   void powerCycle();
 
+  bool selected() const { return chipLine_.selected || flashLine_.selected; }
+
   // Clocks data through whatever is selected. An incomplete byte is lost when its device is deselected.
   void exchange(const uint8_t *in, uint8_t *out, size_t count);
   bool exchangeBit(bool in);

@@ -1,4 +1,4 @@
-// The simulated time that everything on a bench shares.
+// Simulated time. The host has a clock and every channel of a bridge its own, which may be behind or ahead of it.
 #pragma once
 
 #include <algorithm>
@@ -12,10 +12,13 @@ inline uint64_t nanosecondsOf(double seconds) {
   return static_cast<uint64_t>(std::ceil(std::clamp(seconds, 0.0, 1e9) * 1e9));
 }
 
+constexpr uint64_t kNever = UINT64_MAX;
+
 class Clock {
  public:
   uint64_t nanoseconds() const { return now_; }
   void advance(uint64_t nanoseconds) { now_ += nanoseconds; }
+  void reach(uint64_t nanoseconds) { now_ = std::max(now_, nanoseconds); }
 
  private:
   uint64_t now_ = 0;

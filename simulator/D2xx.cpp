@@ -50,7 +50,7 @@ FT_STATUS call(Function function, FT_HANDLE handle, Describe describe, Body body
   uint64_t number = 0;
   if (all.recorder().wants(event.kind)) {
     describe(event);
-    number = all.recorder().add(std::move(event));
+    number = all.recorder().add(std::move(event), all.clock());
   }
   uint32_t value = 0;
   FT_STATUS status = all.scheduledFailure(function);
@@ -84,6 +84,18 @@ void spendTransfer(uint64_t &counter) {
   bench().clock().advance(UsbChannel::kTransferTime);
 }
 
+// The channel when a control request has reached it; null for one without MPSSE.
+UsbChannel *requested(const HostPort &port) {
+  spendTransfer(bench().counts().control_transfers);
+  if (port.channel()) port.channel()->runTo(bench().clock().nanoseconds());
+  return port.channel();
+}
+
+uint64_t timeLimit(uint64_t timeout) {
+  const uint64_t now = bench().clock().nanoseconds();
+  return timeout == kNever ? kNever : now + timeout;
+}
+
 FT_STATUS close(FT_HANDLE handle) {
   return call(
       Function::Close, handle, [](Event &event) { event.text = "Close"; },
@@ -100,15 +112,15 @@ FT_STATUS read(FT_HANDLE handle, void *buffer, uint32_t count, uint32_t *got) {
         *got = 0;
         if (!buffer && count > 0) return FT_IO_ERROR;
         Clock &clock = bench().clock();
-        const bool forever = port.readTimeout() == HostPort::kNever;
-        const uint64_t limit = forever ? HostPort::kNever : clock.nanoseconds() + port.readTimeout();
+        const uint64_t limit = timeLimit(port.readTimeout());
         auto *bytes = static_cast<uint8_t *>(buffer);
         for (;;) {
           *got += static_cast<uint32_t>(port.take(bytes + *got, count - *got));
+          port.looksOn = *got > 0;
           if (*got == count) return FT_OK;
           if (port.waitForMore(limit)) continue;
           // Nothing is on its way. Without a time-out this would be for ever: then it ends at once.
-          if (!forever && limit > clock.nanoseconds()) clock.advance(limit - clock.nanoseconds());
+          if (limit != kNever) clock.reach(limit);
           return FT_OK;
         }
       });
@@ -116,16 +128,21 @@ FT_STATUS read(FT_HANDLE handle, void *buffer, uint32_t count, uint32_t *got) {
 
 uint32_t writeTransfers(HostPort &port, const uint8_t *bytes, uint32_t count) {
   QTXSim_Statistics &counts = bench().counts();
+  Clock &clock = bench().clock();
+  const uint64_t limit = timeLimit(port.writeTimeout());
   uint32_t total = 0;
   while (total < count) {
     const uint32_t length = std::min(count - total, port.outTransferSize());
     spendTransfer(counts.out_transfers);
-    UsbChannel *channel = port.channel();
-    const auto taken = channel ? static_cast<uint32_t>(channel->write(bytes + total, length)) : length;
-    total += taken;
+    size_t taken = length;
+    if (UsbChannel *channel = port.channel()) {
+      taken = channel->write(bytes + total, length, clock, std::max(limit, clock.nanoseconds()));
+    }
+    total += static_cast<uint32_t>(taken);
     counts.bytes_out += taken;
     if (taken == length) continue;
-    if (port.writeTimeout() != HostPort::kNever) bench().clock().advance(port.writeTimeout());
+    // Without a time-out this would be for ever: then it ends at once.
+    if (limit != kNever) clock.reach(limit);
     break;
   }
   return total;
@@ -142,6 +159,7 @@ FT_STATUS write(FT_HANDLE handle, const void *buffer, uint32_t count, uint32_t *
     if (!written) return FT_INVALID_PARAMETER;
     *written = 0;
     if (!buffer && count > 0) return FT_IO_ERROR;
+    port.looksOn = false;
     Device &device = port.device();
     const bool isShort = device.shortWrite.strikes();
     *written = writeTransfers(port, bytes, isShort ? std::min(count, device.shortWriteAccepts) : count);
@@ -154,8 +172,7 @@ FT_STATUS resetDevice(FT_HANDLE handle) {
   return portCall(
       Function::ResetDevice, handle, [](Event &event) { event.text = "ResetDevice"; },
       [](HostPort &port, uint32_t &) -> FT_STATUS {
-        spendTransfer(bench().counts().control_transfers);
-        if (UsbChannel *channel = port.channel()) channel->purgeFifos();
+        if (UsbChannel *channel = requested(port)) channel->purgeFifos();
         return FT_OK;
       });
 }
@@ -176,7 +193,7 @@ FT_STATUS getQueueStatus(FT_HANDLE handle, uint32_t *count) {
       [&](HostPort &port, uint32_t &) -> FT_STATUS {
         if (!count) return FT_INVALID_PARAMETER;
         // Who polls waits for what is on its way.
-        port.waitForMore(HostPort::kNever);
+        if (!std::exchange(port.looksOn, false)) port.waitForMore(kNever);
         *count = static_cast<uint32_t>(port.available());
         return FT_OK;
       });
@@ -187,8 +204,7 @@ FT_STATUS setLatencyTimer(FT_HANDLE handle, uint8_t milliseconds) {
       Function::SetLatencyTimer, handle, [&](Event &event) { event.text = line("SetLatencyTimer", milliseconds); },
       [&](HostPort &port, uint32_t &) -> FT_STATUS {
         if (milliseconds == 0) return FT_INVALID_PARAMETER;
-        spendTransfer(bench().counts().control_transfers);
-        if (UsbChannel *channel = port.channel()) channel->setLatency(milliseconds);
+        if (UsbChannel *channel = requested(port)) channel->setLatency(milliseconds);
         return FT_OK;
       });
 }
@@ -199,8 +215,7 @@ FT_STATUS setBitMode(FT_HANDLE handle, uint8_t mask, uint8_t mode) {
       [&](HostPort &port, uint32_t &) -> FT_STATUS {
         const bool known = mode == UsbChannel::kModeReset || (mode == UsbChannel::kModeMpsse && port.channel());
         if (!known) return FT_NOT_SUPPORTED;
-        spendTransfer(bench().counts().control_transfers);
-        if (UsbChannel *channel = port.channel()) channel->setMode(mask, mode);
+        if (UsbChannel *channel = requested(port)) channel->setMode(mask, mode);
         return FT_OK;
       });
 }

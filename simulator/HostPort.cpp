@@ -14,7 +14,7 @@ constexpr size_t kQueueLimit = size_t{1} << 20;
 constexpr size_t kPacketSize = 512;
 constexpr uint64_t kMillisecond = 1'000'000;
 
-uint64_t timeout(uint32_t milliseconds) { return milliseconds == 0 ? HostPort::kNever : milliseconds * kMillisecond; }
+uint64_t timeout(uint32_t milliseconds) { return milliseconds == 0 ? kNever : milliseconds * kMillisecond; }
 
 }  // namespace
 
@@ -24,9 +24,7 @@ HostPort::HostPort(Clock &clock, Device &device, size_t channel, uint64_t &trans
       channelIndex_(channel),
       pluggedTime_(device.pluggedTimes),
       transfers_(transfers),
-      bytes_(bytes),
-      readTimeout_(kNever),
-      writeTimeout_(kNever) {
+      bytes_(bytes) {
   if (UsbChannel *usb = this->channel()) {
     usb->setLatency(16);
     usb->setHost(this);
@@ -49,11 +47,7 @@ void HostPort::packet(const uint8_t *bytes, size_t count, uint64_t nanoseconds) 
   ++packets_;
   const bool ends = count < UsbChannel::kPacketData || packets_ * kPacketSize >= inTransferSize_;
   if (!ends) return;
-  if (filled_ > 0) {
-    arrivals_.push_back({nanoseconds + UsbChannel::kTransferTime, filled_});
-    ++transfers_;
-    bytes_ += filled_;
-  }
+  if (filled_ > 0) arrivals_.push_back({nanoseconds + UsbChannel::kTransferTime, filled_});
   packets_ = 0;
   filled_ = 0;
 }
@@ -61,25 +55,28 @@ void HostPort::packet(const uint8_t *bytes, size_t count, uint64_t nanoseconds) 
 void HostPort::collect() {
   while (!arrivals_.empty() && arrivals_.front().nanoseconds <= clock_.nanoseconds()) {
     arrived_ += arrivals_.front().count;
+    bytes_ += arrivals_.front().count;
+    ++transfers_;
     arrivals_.pop_front();
   }
 }
 
 size_t HostPort::available() {
-  if (UsbChannel *usb = channel()) usb->service();
+  if (UsbChannel *usb = channel()) usb->runTo(clock_.nanoseconds());
   collect();
   return arrived_;
 }
 
 bool HostPort::waitForMore(uint64_t limit) {
-  UsbChannel *usb = channel();
   const size_t before = arrived_;
-  while (available() == before) {
-    const uint64_t packet = usb ? usb->nextPacket() : kNever;
-    const uint64_t next = arrivals_.empty() ? packet : arrivals_.front().nanoseconds;
-    if (next == kNever || next > limit) return false;
-    if (next > clock_.nanoseconds()) clock_.advance(next - clock_.nanoseconds());
+  if (available() != before) return true;
+  if (UsbChannel *usb = channel(); usb && arrivals_.empty()) {
+    usb->runToAnswer(limit);
+    if (arrivals_.empty()) clock_.reach(std::min(usb->clock().nanoseconds(), limit));
   }
+  if (arrivals_.empty() || arrivals_.front().nanoseconds > limit) return false;
+  clock_.reach(arrivals_.front().nanoseconds);
+  collect();
   return true;
 }
 
@@ -104,17 +101,13 @@ void HostPort::insert(const uint8_t *bytes, size_t count) {
   arrived_ += count;
 }
 
-void HostPort::discard() {
+void HostPort::setTransferSizes(uint32_t in, uint32_t out) {
   queue_.clear();
   head_ = 0;
   arrived_ = 0;
   arrivals_.clear();
   packets_ = 0;
   filled_ = 0;
-}
-
-void HostPort::setTransferSizes(uint32_t in, uint32_t out) {
-  discard();
   inTransferSize_ = in;
   outTransferSize_ = out;
 }

@@ -15,8 +15,6 @@ struct Device;
 
 class HostPort : public PacketSink {
  public:
-  static constexpr uint64_t kNever = UINT64_MAX;
-
   HostPort(Clock &clock, Device &device, size_t channel, uint64_t &transfers, uint64_t &bytes);
   ~HostPort() override;
   HostPort(const HostPort &) = delete;
@@ -29,11 +27,11 @@ class HostPort : public PacketSink {
 
   // Bytes the host may have now.
   size_t available();
-  // Lets time pass until something more arrives, at most until `limit`. False: nothing came.
+  // Lets time pass until something more arrives, at most until `limit`. False: nothing came; time then passed only
+  // until the bridge had nothing left to do.
   bool waitForMore(uint64_t limit);
   size_t take(uint8_t *bytes, size_t count);
   void insert(const uint8_t *bytes, size_t count);
-  void discard();
 
   void setTransferSizes(uint32_t in, uint32_t out);
   uint32_t outTransferSize() const { return outTransferSize_; }
@@ -43,15 +41,18 @@ class HostPort : public PacketSink {
 
   bool ready() const override;
   bool partlyFilled() const override { return packets_ > 0; }
+  bool underWay() const override { return !arrivals_.empty(); }
   void packet(const uint8_t *bytes, size_t count, uint64_t nanoseconds) override;
+  void collect();  // what has arrived
+
+  // Whether the host has just taken something: a look at the queue then only tells what is left.
+  bool looksOn = false;
 
  private:
   struct Arrival {
     uint64_t nanoseconds;
     size_t count;
   };
-
-  void collect();
 
   Clock &clock_;
   Device &device_;
@@ -60,7 +61,7 @@ class HostPort : public PacketSink {
   uint64_t &transfers_;
   uint64_t &bytes_;
   uint32_t inTransferSize_ = 4096, outTransferSize_ = 4096;
-  uint64_t readTimeout_ = 0, writeTimeout_ = 0;
+  uint64_t readTimeout_ = kNever, writeTimeout_ = kNever;
 
   std::vector<uint8_t> queue_;  // taken from at head_; the arrived ones first, then those on their way
   size_t head_ = 0;

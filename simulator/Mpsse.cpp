@@ -27,13 +27,19 @@ enum Command : uint8_t {
   kThreePhaseOff = 0x8D,
   kClockBits = 0x8E,
   kClockBytes = 0x8F,
+  kClockUntilHigh = 0x94,
+  kClockUntilLow = 0x95,
   kAdaptiveOn = 0x96,
   kAdaptiveOff = 0x97,
+  kClockBytesUntilHigh = 0x9C,
+  kClockBytesUntilLow = 0x9D,
 };
 
 constexpr uint8_t kBadCommand = 0xFA;
 constexpr uint8_t kBitWise = 0x02;
 constexpr int kWaitPin = 5;
+constexpr uint64_t kEndless = UINT64_MAX;
+constexpr uint64_t kCountable = UINT64_MAX / 4;  // in thirds of a nanosecond, too
 
 bool isShift(uint8_t opcode) { return opcode >= 0x10 && opcode < 0x40; }
 
@@ -44,6 +50,8 @@ size_t argumentsOf(uint8_t opcode) {
     case kSetHigh:
     case kSetDivisor:
     case kClockBytes:
+    case kClockBytesUntilHigh:
+    case kClockBytesUntilLow:
       return 2;
     case kClockBits:
       return 1;
@@ -69,55 +77,58 @@ void Mpsse::reset() {
   state_ = State::Opcode;
   slowBase_ = true;
   threePhase_ = false;
+  adaptive_ = false;
   divisor_ = 0;
   pins_.setLoopback(false);
 }
 
-size_t Mpsse::feed(const uint8_t *bytes, size_t count) {
-  Input input{bytes, count};
-  while (step(input)) {
-  }
-  return count - input.count;
-}
-
-bool Mpsse::step(Input &input) {
+Progress Mpsse::step(Commands &commands, uint64_t until) {
+  if (clock_.nanoseconds() > until) return Progress::Later;
   switch (state_) {
     case State::Opcode:
-      if (input.count == 0) return false;
-      begin(*input.bytes);
-      input.skip(1);
-      return true;
+      return begin(commands);
     case State::Arguments:
-      return takeArgument(input);
+      return takeArguments(commands);
     case State::Bytes:
-      return moveBytes(input);
+      return moveBytes(commands, until);
+    case State::Bits:
+      return moveBits(until);
+    case State::Clocks:
+      return runClock(until);
     case State::Answer:
       return deliverAnswer();
     case State::WaitForPin:
-      return pinArrived();
+      return waitForPin();
   }
-  return false;
+  return Progress::Blocked;
 }
 
-void Mpsse::begin(uint8_t opcode) {
-  opcode_ = opcode;
+Progress Mpsse::begin(Commands &commands) {
+  if (commands.count == 0) return Progress::Blocked;
+  opcode_ = *commands.bytes;
+  commands.skip(1);
   argumentsTaken_ = 0;
-  argumentsNeeded_ = argumentsOf(opcode);
+  argumentsNeeded_ = argumentsOf(opcode_);
   state_ = State::Arguments;
-  if (argumentsNeeded_ == 0) execute();
+  return takeArguments(commands);
 }
 
-bool Mpsse::takeArgument(Input &input) {
-  if (input.count == 0) return false;
-  arguments_[argumentsTaken_++] = *input.bytes;
-  input.skip(1);
-  if (argumentsTaken_ == argumentsNeeded_) execute();
-  return true;
+Progress Mpsse::takeArguments(Commands &commands) {
+  for (; argumentsTaken_ < argumentsNeeded_; commands.skip(1)) {
+    if (commands.count == 0) return Progress::Blocked;
+    arguments_[argumentsTaken_++] = *commands.bytes;
+  }
+  execute();
+  return Progress::Done;
 }
 
 void Mpsse::execute() {
   state_ = State::Opcode;
-  if (isShift(opcode_)) return executeShift();
+  if (isShift(opcode_)) {
+    bytesLeft_ = argument16() + size_t{1};
+    state_ = (opcode_ & kBitWise) == 0 ? State::Bytes : State::Bits;
+    return;
+  }
   switch (opcode_) {
     case kSetLow:
       return setPins(0);
@@ -145,15 +156,21 @@ void Mpsse::execute() {
       return;
     case kAdaptiveOn:
     case kAdaptiveOff:
-      return;  // nothing returns a clock here
+      adaptive_ = opcode_ == kAdaptiveOn;
+      return;
     case kWaitHigh:
     case kWaitLow:
       state_ = State::WaitForPin;
       return;
     case kClockBits:
-      return spend(arguments_[0] % 8u + 1);
+      return startClocks(arguments_[0] % 8u + 1);
+    case kClockUntilHigh:
+    case kClockUntilLow:
+      return startClocks(kEndless);
     case kClockBytes:
-      return spend((argument16() + uint64_t{1}) * 8);
+    case kClockBytesUntilHigh:
+    case kClockBytesUntilLow:
+      return startClocks((argument16() + uint64_t{1}) * 8);
     default:
       record(QTXSIM_EVENT_ODD, opcode_, "BadCommand");
       answer_ = {kBadCommand, opcode_};
@@ -162,50 +179,66 @@ void Mpsse::execute() {
   }
 }
 
-void Mpsse::executeShift() {
-  if ((opcode_ & kBitWise) == 0) {
-    bytesLeft_ = argument16() + size_t{1};
-    state_ = State::Bytes;
-    return;
-  }
-  shiftBits();
+void Mpsse::startClocks(uint64_t bits) {
+  clocksLeft_ = bits;
+  state_ = State::Clocks;
 }
 
 // A short answer sits in the low bits, or with the least significant bit first in the high bits.
-void Mpsse::shiftBits() {
+Progress Mpsse::moveBits(uint64_t until) {
+  if (adaptive_) return Progress::Blocked;
   const int bits = arguments_[0] % 8 + 1;
+  if (bitsUntil(until) < static_cast<uint64_t>(bits)) return Progress::Later;
   const uint8_t data = leastFirst() ? reversed(arguments_[1]) : arguments_[1];
   spend(static_cast<uint64_t>(bits));
+  state_ = State::Opcode;
   const uint8_t high = pins_.exchangeBits(writes() ? &data : nullptr, reads(), bits, risingEdge());
-  if (!reads()) return;
+  if (!reads()) return Progress::Done;
   const auto low = static_cast<uint8_t>(high >> (8 - bits));
   answer(leastFirst() ? reversed(low) : low);
+  return Progress::Done;
 }
 
-bool Mpsse::moveBytes(Input &input) {
+Progress Mpsse::moveBytes(Commands &commands, uint64_t until) {
   size_t run = std::min(bytesLeft_, Pins::kMaximumRun);
-  if (writes()) run = std::min(run, input.count);
+  if (writes()) run = std::min(run, commands.count);
   if (reads()) {
     const uint64_t inTime = sink_.patience() * 3 / (thirdsPerBit() * 8);
     run = std::min({run, sink_.space(), static_cast<size_t>(std::max<uint64_t>(inTime, 1))});
   }
-  if (run == 0) return false;
+  if (run == 0 || adaptive_) return Progress::Blocked;
+  run = static_cast<size_t>(std::min<uint64_t>(run, bitsUntil(until) / 8));
+  if (run == 0) return Progress::Later;
 
   uint8_t data[Pins::kMaximumRun], got[Pins::kMaximumRun];
-  const uint8_t *source = writes() ? input.bytes : nullptr;
+  const uint8_t *source = writes() ? commands.bytes : nullptr;
   if (source && leastFirst()) {
     std::transform(source, source + run, data, reversed);
     source = data;
   }
   spend(run * 8);
   pins_.exchange(source, reads() ? got : nullptr, run, risingEdge());
-  if (writes()) input.skip(run);
+  if (writes()) commands.skip(run);
   bytesLeft_ -= run;
   if (bytesLeft_ == 0) state_ = State::Opcode;
-  if (!reads()) return true;
+  if (!reads()) return Progress::Done;
   if (leastFirst()) std::transform(got, got + run, got, reversed);
   sink_.push(got, run);
-  return true;
+  return Progress::Done;
+}
+
+Progress Mpsse::runClock(uint64_t until) {
+  if (clocksLeft_ == 0 || pinArrived()) {
+    state_ = State::Opcode;
+    return Progress::Done;
+  }
+  const uint64_t bits = std::min(clocksLeft_, bitsUntil(until));
+  if (adaptive_ || bits == kEndless) return Progress::Blocked;
+  if (bits == 0) return Progress::Later;
+  if (clocksLeft_ != kEndless) clocksLeft_ -= bits;
+  spend(bits);
+  pins_.clock(bits);
+  return Progress::Done;
 }
 
 void Mpsse::answer(uint8_t byte) {
@@ -214,18 +247,34 @@ void Mpsse::answer(uint8_t byte) {
   state_ = State::Answer;
 }
 
-bool Mpsse::deliverAnswer() {
-  if (sink_.space() < answerSize_) return false;
+Progress Mpsse::deliverAnswer() {
+  if (sink_.space() < answerSize_) return Progress::Blocked;
   state_ = State::Opcode;
   sink_.push(answer_.data(), answerSize_);
-  return true;
+  return Progress::Done;
 }
 
-bool Mpsse::pinArrived() {
-  const bool high = (pins_.levels() >> kWaitPin & 1) != 0;
-  if (high != (opcode_ == kWaitHigh)) return false;
+Progress Mpsse::waitForPin() {
+  if (!pinArrived()) return Progress::Blocked;
   state_ = State::Opcode;
-  return true;
+  return Progress::Done;
+}
+
+// Whether the pin has the level that ends the command under way.
+bool Mpsse::pinArrived() const {
+  const bool high = (pins_.levels() >> kWaitPin & 1) != 0;
+  switch (opcode_) {
+    case kWaitHigh:
+    case kClockUntilHigh:
+    case kClockBytesUntilHigh:
+      return high;
+    case kWaitLow:
+    case kClockUntilLow:
+    case kClockBytesUntilLow:
+      return !high;
+    default:
+      return false;
+  }
 }
 
 void Mpsse::setPins(int bank) {
@@ -251,7 +300,12 @@ void Mpsse::record(uint32_t kind, uint32_t value, const char *text) {
   event.device = device_;
   event.value = value;
   event.text = text;
-  recorder_.add(std::move(event));
+  recorder_.add(std::move(event), clock_);
+}
+
+uint64_t Mpsse::bitsUntil(uint64_t until) const {
+  const uint64_t left = until - clock_.nanoseconds();
+  return left > kCountable ? kEndless : (left * 3 + 2 - thirds_) / thirdsPerBit();
 }
 
 void Mpsse::spend(uint64_t bits) {

@@ -21,38 +21,47 @@ class AnswerSink {
   virtual uint64_t patience() const = 0;                      // the latency timer in nanoseconds
 };
 
+// Bytes from the host that wait to be interpreted.
+struct Commands {
+  const uint8_t *bytes;
+  size_t count;
+  void skip(size_t n) {
+    bytes += n;
+    count -= n;
+  }
+};
+
+enum class Progress {
+  Done,     // something was done, there may be more
+  Later,    // what comes next is not over by then
+  Blocked,  // waits for commands, for room in the FIFO towards the host, for a pin or for a returned clock
+};
+
 class Mpsse {
  public:
+  // The clock is the engine's own: it stands where the last command that was carried out ended.
   Mpsse(Clock &clock, Pins &pins, AnswerSink &sink, Recorder &recorder, int32_t device);
 
-  // As after switching on: 12 MHz base clock, divisor 0, loopback off, no command under way.
+  // As after switching on: 12 MHz base clock, divisor 0, loopback and adaptive clocking off, no command under way.
   void reset();
 
-  // Returns how many bytes were consumed; fewer than given while it waits for a pin or for room in the FIFO.
-  size_t feed(const uint8_t *bytes, size_t count);
+  // Goes on with what is over by `until`.
+  Progress step(Commands &commands, uint64_t until);
 
   uint64_t spiNanoseconds() const { return spiNanoseconds_; }
 
  private:
-  enum class State { Opcode, Arguments, Bytes, Answer, WaitForPin };
-  struct Input {
-    const uint8_t *bytes;
-    size_t count;
-    void skip(size_t n) {
-      bytes += n;
-      count -= n;
-    }
-  };
+  enum class State { Opcode, Arguments, Bytes, Bits, Clocks, Answer, WaitForPin };
 
-  bool step(Input &input);
-  void begin(uint8_t opcode);
-  bool takeArgument(Input &input);
-  bool moveBytes(Input &input);
-  bool deliverAnswer();
-  bool pinArrived();
+  Progress begin(Commands &commands);
+  Progress takeArguments(Commands &commands);
+  Progress moveBytes(Commands &commands, uint64_t until);
+  Progress moveBits(uint64_t until);
+  Progress runClock(uint64_t until);
+  Progress deliverAnswer();
+  Progress waitForPin();
   void execute();
-  void executeShift();
-  void shiftBits();
+  void startClocks(uint64_t bits);
   void setPins(int bank);
   void answer(uint8_t byte);
   void setLoopback(bool on);
@@ -67,7 +76,9 @@ class Mpsse {
   // A clock period is a whole number of thirds of a nanosecond.
   uint64_t thirdsPerPeriod() const { return (uint64_t{divisor_} + 1) * 2 * (slowBase_ ? 250 : 50); }
   uint64_t thirdsPerBit() const { return threePhase_ ? thirdsPerPeriod() * 3 / 2 : thirdsPerPeriod(); }
+  uint64_t bitsUntil(uint64_t until) const;
   void spend(uint64_t bits);
+  bool pinArrived() const;
 
   Clock &clock_;
   Pins &pins_;
@@ -80,11 +91,13 @@ class Mpsse {
   std::array<uint8_t, 3> arguments_{};
   size_t argumentsTaken_ = 0, argumentsNeeded_ = 0;
   size_t bytesLeft_ = 0;
+  uint64_t clocksLeft_ = 0;
   std::array<uint8_t, 2> answer_{};
   size_t answerSize_ = 0;
 
   bool slowBase_ = true;
   bool threePhase_ = false;
+  bool adaptive_ = false;
   uint32_t divisor_ = 0;
   uint64_t thirds_ = 0;
   uint64_t spiNanoseconds_ = 0;

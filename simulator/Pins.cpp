@@ -1,5 +1,6 @@
 #include "Pins.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -10,6 +11,8 @@ namespace pulsekit::simulator {
 namespace {
 
 constexpr uint16_t kSelects = 1u << Board::kChipSelect | 1u << Board::kFlashSelect;
+// More clocks in a row, always with the same data, make no difference to a device.
+constexpr uint64_t kAnyClocks = 1 << 20;
 // Their levels are the SPI frames' business.
 constexpr uint16_t kQuietPins = 0x001F;
 
@@ -31,8 +34,8 @@ void Pins::Side::addBits(uint8_t high, int count) {
   }
 }
 
-Pins::Pins(Recorder &recorder, int32_t device, bool highBank)
-    : recorder_(recorder), device_(device), existing_(highBank ? 0xFFFF : 0x00FF) {}
+Pins::Pins(const Clock &clock, Recorder &recorder, int32_t device, bool highBank)
+    : clock_(clock), recorder_(recorder), device_(device), existing_(highBank ? 0xFFFF : 0x00FF) {}
 
 void Pins::attach(std::unique_ptr<Board> board) {
   board_ = std::move(board);
@@ -93,7 +96,7 @@ void Pins::recordPins(uint16_t oldDirections, uint16_t oldLevels) {
     event.value = pin;
     event.output = directions_ >> pin & 1;
     event.level = now >> pin & 1;
-    recorder_.add(std::move(event));
+    recorder_.add(std::move(event), clock_);
   }
 }
 
@@ -110,7 +113,7 @@ void Pins::endFrame() {
     event.in = std::move(read_.bytes);
     event.outBits = written_.bits;
     event.inBits = read_.bits;
-    recorder_.add(std::move(event));
+    recorder_.add(std::move(event), clock_);
   }
   frameSelects_ = chipSelectsLow();
   frameOpen_ = false;
@@ -172,6 +175,16 @@ uint8_t Pins::exchangeBits(const uint8_t *data, bool answered, int bits, bool ri
     if (answered) read_.addBits(static_cast<uint8_t>(answer), bits);
   }
   return static_cast<uint8_t>(answer);
+}
+
+void Pins::clock(uint64_t bits) {
+  if (!board_ || !board_->selected()) return;
+  bits = std::min(bits, kAnyClocks);
+  for (uint64_t run = 0; bits >= 8; bits -= run * 8) {
+    run = std::min<uint64_t>(bits / 8, kMaximumRun);
+    exchange(nullptr, nullptr, run, false);
+  }
+  if (bits > 0) exchangeBits(nullptr, false, static_cast<int>(bits), false);
 }
 
 }  // namespace pulsekit::simulator

@@ -16,7 +16,7 @@ class Pins {
   static constexpr int kClock = 0, kDataOut = 1, kDataIn = 2;
 
   // Without a high bank pins 8 to 15 do not exist: they read 0 and can't be driven.
-  Pins(Recorder &recorder, int32_t device, bool highBank);
+  Pins(const Clock &clock, Recorder &recorder, int32_t device, bool highBank);
 
   void attach(std::unique_ptr<Board> board);
   Board *board() { return board_.get(); }
@@ -36,6 +36,8 @@ class Pins {
   void exchange(const uint8_t *data, uint8_t *answer, size_t count, bool risingEdge);
   // The same for 1 to 7 bits, in the high bits of data and of the result.
   uint8_t exchangeBits(const uint8_t *data, bool answered, int bits, bool risingEdge);
+  // Clocks with data-out as it is, and nobody looks at data-in.
+  void clock(uint64_t bits);
   void setLoopback(bool on) { loopback_ = on; }
   // Nothing more comes for now: without a chip select this is what ends a frame.
   void endBatch();
@@ -51,6 +53,7 @@ class Pins {
   // The devices sample at the rising edge: with a clock that idles low they then see the bit before.
   bool late(bool risingEdge) const { return risingEdge && (states_ >> kClock & 1) == 0; }
 
+  const Clock &clock_;
   Recorder &recorder_;
   const int32_t device_;
   const uint16_t existing_;

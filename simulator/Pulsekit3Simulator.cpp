@@ -21,11 +21,17 @@ namespace {
 
 constexpr int32_t kDone = 0, kRefused = -1;
 
+// The bench as it is now.
+Bench &present() {
+  bench().catchUp();
+  return bench();
+}
+
 // Runs body on what `find` gets from the device; refuses where that is null.
 template <typename Find, typename Body>
 int32_t on(int32_t number, Find find, Body body) {
   auto lock = lockBench();
-  Device *device = bench().device(number);
+  Device *device = present().device(number);
   auto *part = device ? find(*device) : nullptr;
   return part ? body(*part) : kRefused;
 }
@@ -112,7 +118,7 @@ int32_t QTXSim_PowerCycle(int32_t device) {
 int32_t QTXSim_SetTime(int32_t mode) {
   if (mode < QTXSIM_TIME_DETERMINISTIC || mode > QTXSIM_TIME_REAL) return kRefused;
   auto lock = lockBench();
-  bench().setTimeMode(mode);
+  present().setTimeMode(mode);
   return kDone;
 }
 
@@ -208,7 +214,7 @@ int32_t QTXSim_ChipStickBits(int32_t device, uint8_t address, uint64_t mask, uin
 
 void QTXSim_ClearFaults(void) {
   auto lock = lockBench();
-  bench().clearFaults();
+  present().clearFaults();
 }
 
 // ---- Pins ----------------------------------------------------------------------------------------------------------
@@ -225,7 +231,6 @@ int32_t QTXSim_DrivePin(int32_t device, int32_t pin, int32_t level) {
   return on(device, whole, [&](Device &it) {
     if (!isPin(pin) || level < -1 || level > 1) return kRefused;
     it.channels[0]->pins().driveFromOutside(pin, level);
-    it.channels[0]->service();
     return kDone;
   });
 }
@@ -372,13 +377,13 @@ int32_t QTXSim_SetReferenceClock(int32_t device, double hertz) {
 int32_t QTXSim_GetStatistics(QTXSim_Statistics *statistics) {
   if (!statistics) return kRefused;
   auto lock = lockBench();
-  *statistics = bench().statistics();
+  *statistics = present().statistics();
   return kDone;
 }
 
 void QTXSim_ResetStatistics(void) {
   auto lock = lockBench();
-  bench().resetStatistics();
+  present().resetStatistics();
 }
 
 uint64_t QTXSim_Calls(const char *function) {
@@ -389,23 +394,23 @@ uint64_t QTXSim_Calls(const char *function) {
 
 void QTXSim_SetRecording(uint32_t kinds) {
   auto lock = lockBench();
-  bench().recorder().setKinds(kinds);
+  present().recorder().setKinds(kinds);
 }
 
 void QTXSim_ClearRecord(void) {
   auto lock = lockBench();
-  bench().recorder().clear();
+  present().recorder().clear();
 }
 
 uint32_t QTXSim_RecordCount(void) {
   auto lock = lockBench();
-  return static_cast<uint32_t>(bench().recorder().events().size());
+  return static_cast<uint32_t>(present().recorder().events().size());
 }
 
 int32_t QTXSim_RecordEvent(uint32_t index, QTXSim_Event *event) {
   if (!event) return kRefused;
   auto lock = lockBench();
-  const auto &events = bench().recorder().events();
+  const auto &events = present().recorder().events();
   if (index >= events.size()) return kRefused;
   const Event &from = events[index];
   *event = {from.kind,
@@ -425,6 +430,6 @@ int32_t QTXSim_RecordEvent(uint32_t index, QTXSim_Event *event) {
 const char *QTXSim_RecordText(uint32_t kinds) {
   static std::string text;
   auto lock = lockBench();
-  text = bench().recorder().text(kinds);
+  text = present().recorder().text(kinds);
   return text.c_str();
 }

@@ -18,7 +18,9 @@
  *  2. A device is a number counted from 0 in the order of adding. Functions on a device return 0, or -1 where the device
  *     does not exist, lacks the part in question (no board, no flash, no chip) or an argument is out of range; nothing
  *     changes then. Null pointers count as out of range.
- *  3. Times are nanoseconds of the bench's own clock, which QTXSim_Reset sets to 0.
+ *  3. Times are nanoseconds of the host's simulated clock, which QTXSim_Reset sets to 0. Bridges work while the host goes
+ *     on: what a Write handed over happens when its time has come, and every function here shows the bench as it is at
+ *     the host's time. QTXSim_Advance lets things happen that nobody waits for.
  *  4. Counting "from now" starts at 1: the next call, byte or operation is the first.
  */
 #ifndef PULSEKIT3_SIMULATOR_H
@@ -88,6 +90,7 @@ enum {
 /* Returns 0, or -1 for another mode. */
 QTXSIM_API int32_t QTXSim_SetTime(int32_t mode);
 QTXSIM_API uint64_t QTXSim_Nanoseconds(void);
+/* The host does something else for so long. */
 QTXSIM_API void QTXSim_Advance(uint64_t nanoseconds);
 
 /* ---- Faults ----------------------------------------------------------------------------------------------------- */
@@ -102,7 +105,7 @@ QTXSIM_API int32_t QTXSim_UnplugAtCall(int32_t device, uint32_t nth);
 /* The nth Write from now to the device takes at most `accepted` bytes (0 too) and returns status 0. */
 QTXSIM_API int32_t QTXSim_ShortWrite(int32_t device, uint32_t nth, uint32_t accepted);
 
-/* Of the answer bytes that channel A of the bridge produces from now on: `after` get through, then `count` are lost. */
+/* Of the answer bytes that channel A of the bridge produces from now on, also to commands that it holds: `after` get through, then `count` are lost. */
 QTXSIM_API int32_t QTXSim_LoseAnswer(int32_t device, uint32_t after, uint32_t count);
 
 /* `after` answer bytes get through, then the bits of `mask` are inverted in one. */
@@ -136,7 +139,8 @@ QTXSIM_API void QTXSim_ClearFaults(void);
 QTXSIM_API int32_t QTXSim_PinLevel(int32_t device, int32_t pin);
 QTXSIM_API int32_t QTXSim_PinIsOutput(int32_t device, int32_t pin);
 
-/* Drives an input pin from outside: 0, 1, or -1 to let go of it. An output of the bridge wins. */
+/* Drives an input pin from outside: 0, 1, or -1 to let go of it. An output of the bridge wins. Pin 5 is also the one that
+   the bridge's waiting commands look at. */
 QTXSIM_API int32_t QTXSim_DrivePin(int32_t device, int32_t pin, int32_t level);
 
 /* What the data line reads while nothing drives it (no device selected, no power, no board): 0, the default, or 1. */
@@ -218,8 +222,8 @@ typedef struct QTXSim_Statistics {
   uint64_t control_transfers; /* reset, latency timer, bit mode */
   uint64_t bytes_out;         /* data */
   uint64_t bytes_in;          /* data, without the modem-status bytes */
-  uint64_t nanoseconds;       /* on the bench's clock */
-  uint64_t spi_nanoseconds;   /* of these, SPI clock */
+  uint64_t nanoseconds;       /* on the host's clock */
+  uint64_t spi_nanoseconds;   /* that SPI clocks ran, on all channels; may overlap with transfers and with each other */
 } QTXSim_Statistics;
 
 /* What happened since the last QTXSim_ResetStatistics, over all devices. */
@@ -255,7 +259,7 @@ QTXSIM_API uint64_t QTXSim_Calls(const char *function);
 typedef struct QTXSim_Event {
   uint32_t kind;        /* QTXSIM_EVENT_... */
   int32_t device;       /* -1: none in particular */
-  uint64_t nanoseconds; /* when it began; an SPI frame: when it ended */
+  uint64_t nanoseconds; /* when it began; an SPI frame: when it ended. Events are in this order */
   uint32_t status;      /* CALL, POLL: what the call returned */
   uint32_t value;       /* SPI: bit mask of the chip-select pins that were low; PIN: the pin; CLOCK: Hz;
                            CALL of Write: bytes taken */

@@ -1,5 +1,6 @@
 #include "Recorder.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "Pulsekit3Simulator.h"
@@ -76,17 +77,21 @@ void appendLine(std::string &line, const Event &event) {
 
 }  // namespace
 
-uint64_t Recorder::add(Event &&event) {
+uint64_t Recorder::add(Event &&event, const Clock &clock) {
   if (!wants(event.kind)) return 0;
-  event.nanoseconds = clock_.nanoseconds();
+  event.nanoseconds = clock.nanoseconds();
   weight_ += weightOf(event);
-  events_.push_back(std::move(event));
+  const auto later = std::find_if(events_.rbegin(), events_.rend(),
+                                  [&](const Event &other) { return other.nanoseconds <= event.nanoseconds; });
+  const auto place = static_cast<uint64_t>(events_.rend() - later);
+  events_.insert(later.base(), std::move(event));
+  const uint64_t number = dropped_ + place + 1;
   while (weight_ > kMaximumWeight) {
     weight_ -= weightOf(events_.front());
     events_.pop_front();
     ++dropped_;
   }
-  return dropped_ + events_.size();
+  return number;
 }
 
 void Recorder::complete(uint64_t number, uint32_t status, uint32_t value) {

@@ -25,12 +25,11 @@ struct Event {
 
 class Recorder {
  public:
-  explicit Recorder(const Clock &clock) : clock_(clock) {}
-
   bool wants(uint32_t kind) const { return (kinds_ & kind) != 0; }
   void setKinds(uint32_t kinds) { kinds_ = kinds; }
-  // Returns a number under which the event can be completed, 0 for one that is not wanted.
-  uint64_t add(Event &&event);
+  // Puts the event in its place by time. Returns a number under which it can be completed until an earlier one comes, 0
+  // for one that is not wanted.
+  uint64_t add(Event &&event, const Clock &clock);
   void complete(uint64_t number, uint32_t status, uint32_t value);
   void clear();
 
@@ -38,7 +37,6 @@ class Recorder {
   std::string text(uint32_t kinds) const;
 
  private:
-  const Clock &clock_;
   uint32_t kinds_ = 0;
   std::deque<Event> events_;
   uint64_t dropped_ = 0;

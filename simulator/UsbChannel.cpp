@@ -1,15 +1,18 @@
 #include "UsbChannel.h"
 
 #include <algorithm>
-#include <limits>
 
 namespace pulsekit::simulator {
 
-UsbChannel::UsbChannel(Clock &clock, Recorder &recorder, int32_t device, size_t fifoSize, bool highBank)
-    : clock_(clock),
-      fifoSize_(fifoSize),
-      pins_(recorder, device, highBank),
-      mpsse_(clock, pins_, *this, recorder, device) {}
+UsbChannel::UsbChannel(uint64_t now, Recorder &recorder, int32_t device, size_t fifoSize, bool highBank)
+    : fifoSize_(fifoSize), pins_(clock_, recorder, device, highBank), mpsse_(clock_, pins_, *this, recorder, device) {
+  clock_.reach(now);
+}
+
+void UsbChannel::setHost(PacketSink *host) {
+  host_ = host;
+  waitingSince_ = clock_.nanoseconds();
+}
 
 void UsbChannel::reset() {
   purgeFifos();
@@ -19,49 +22,72 @@ void UsbChannel::reset() {
 
 void UsbChannel::setMode(uint8_t mask, uint8_t mode) {
   mode_ = mode;
-  fromHost_.clear();
+  drop(waiting());
   mpsse_.reset();
   pins_.drive(mode == kModeMpsse ? mask : 0, 0);
 }
 
 void UsbChannel::purgeFifos() {
   toHost_.clear();
-  fromHost_.clear();
+  drop(waiting());
 }
 
-size_t UsbChannel::write(const uint8_t *bytes, size_t count) {
+void UsbChannel::runTo(uint64_t nanoseconds) {
+  if (work(nanoseconds, waiting(), false) == Progress::Blocked) clock_.reach(nanoseconds);
+}
+
+void UsbChannel::runToAnswer(uint64_t limit) { work(limit, waiting(), true); }
+
+size_t UsbChannel::write(const uint8_t *bytes, size_t count, Clock &host, uint64_t limit) {
+  runTo(host.nanoseconds());
   if (mode_ != kModeMpsse) return count;  // out of the serial port, where nothing listens
-  run();
-  size_t taken = fromHost_.empty() ? mpsse_.feed(bytes, count) : 0;
-  const size_t kept = std::min(count - taken, fifoSize_ - fromHost_.size());
-  fromHost_.insert(fromHost_.end(), bytes + taken, bytes + taken + kept);
-  pins_.endBatch();
-  return taken + kept;
+  fromHost_.insert(fromHost_.end(), bytes, bytes + count);
+  if (waiting() <= fifoSize_) return count;
+  work(limit, waiting() - fifoSize_, false);
+  const size_t refused = std::max(waiting(), fifoSize_) - fifoSize_;
+  fromHost_.resize(fromHost_.size() - refused);
+  if (refused == 0) host.reach(std::min(clock_.nanoseconds(), limit));
+  return count - refused;
 }
 
-void UsbChannel::run() {
-  if (mode_ != kModeMpsse) return;
-  const size_t used = mpsse_.feed(fromHost_.data(), fromHost_.size());
-  fromHost_.erase(fromHost_.begin(), fromHost_.begin() + static_cast<std::ptrdiff_t>(used));
-}
-
-void UsbChannel::service() {
+Progress UsbChannel::work(uint64_t until, size_t most, bool toAnswer) {
   sendFullPackets();
-  run();
-  const uint64_t due = nextPacket();
-  if (due <= clock_.nanoseconds()) sendShortPacket(due);
+  Commands commands{fromHost_.data() + head_, most};
+  Progress progress = Progress::Later;
+  answered_ = true;
+  for (uint64_t due = 0;;) {
+    if (answered_) {
+      if (toAnswer && host_ && host_->underWay()) break;
+      due = nextPacket();
+      answered_ = false;
+    }
+    progress = mode_ == kModeMpsse ? mpsse_.step(commands, std::min(until, due)) : Progress::Blocked;
+    if (progress == Progress::Done) continue;
+    if (due > until || due == kNever) break;
+    sendShortPacket(due);
+  }
+  drop(most - commands.count);
+  // Without a chip select this is what ends a frame.
+  if (progress == Progress::Blocked && waiting() == 0) pins_.endBatch();
+  return progress;
+}
+
+void UsbChannel::drop(size_t used) {
+  head_ += used;
+  if (head_ < fromHost_.size()) return;
+  fromHost_.clear();
+  head_ = 0;
 }
 
 uint64_t UsbChannel::nextPacket() const {
   const bool something = host_ && host_->ready() && (!toHost_.empty() || host_->partlyFilled());
-  return something ? waitingSince_ + patience() : std::numeric_limits<uint64_t>::max();
+  return something ? waitingSince_ + patience() : kNever;
 }
 
 size_t UsbChannel::space() { return fifoSize_ - toHost_.size(); }
 
 void UsbChannel::push(const uint8_t *bytes, size_t count) {
-  const uint64_t due = nextPacket();
-  if (due <= clock_.nanoseconds()) sendShortPacket(due);
+  answered_ = true;
   if (toHost_.empty()) waitingSince_ = clock_.nanoseconds();
   if (!loss_.active() && !corruption_.active()) {
     toHost_.insert(toHost_.end(), bytes, bytes + count);
@@ -98,6 +124,7 @@ void UsbChannel::sendFullPackets() {
 }
 
 void UsbChannel::sendShortPacket(uint64_t nanoseconds) {
+  answered_ = true;
   host_->packet(toHost_.data(), toHost_.size(), nanoseconds);
   toHost_.clear();
 }

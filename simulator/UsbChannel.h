@@ -1,4 +1,5 @@
-// One channel of a bridge as the USB sees it: FIFOs both ways, packets, latency timer; behind them the MPSSE.
+// One channel of a bridge as the USB sees it: FIFOs both ways, packets, latency timer; behind them the MPSSE, which
+// works on its own clock. Nothing happens by itself: whoever looks at a channel lets it work up to the time of looking.
 #pragma once
 
 #include <cstddef>
@@ -22,6 +23,8 @@ class PacketSink {
   virtual bool ready() const = 0;
   // Whether one has packets but has not ended yet.
   virtual bool partlyFilled() const = 0;
+  // Whether one has ended that has not reached the host.
+  virtual bool underWay() const = 0;
   // Data of one packet, without the modem-status bytes. A packet that is not full ends the transfer.
   virtual void packet(const uint8_t *bytes, size_t count, uint64_t nanoseconds) = 0;
 };
@@ -32,18 +35,22 @@ class UsbChannel : public AnswerSink {
   static constexpr uint64_t kTransferTime = 125'000;
   static constexpr uint8_t kModeReset = 0, kModeMpsse = 2;
 
-  UsbChannel(Clock &clock, Recorder &recorder, int32_t device, size_t fifoSize, bool highBank);
+  UsbChannel(uint64_t now, Recorder &recorder, int32_t device, size_t fifoSize, bool highBank);
+
+  // The engine's clock. It stands still where a command is under way, and goes ahead of time only in a flash's pause.
+  Clock &clock() { return clock_; }
 
   // Null: nobody collects, answers stay in the FIFO.
-  void setHost(PacketSink *host) { host_ = host; }
+  void setHost(PacketSink *host);
   void reset();  // as after plugging in
 
-  // Bytes arriving from the host; returns how many found room.
-  size_t write(const uint8_t *bytes, size_t count);
-  // Goes on with commands that had to wait, and sends what the latency timer lets go.
-  void service();
-  // When the latency timer will send something to the host; UINT64_MAX: nothing is due.
-  uint64_t nextPacket() const;
+  // Works up to a time; beyond it nothing has happened yet.
+  void runTo(uint64_t nanoseconds);
+  // Works until a transfer to the host is under way, or there is nothing to do, or until a time.
+  void runToAnswer(uint64_t limit);
+  // Bytes that arrive from the host now. Lets the host's time pass until the FIFO has taken them, at most until
+  // `limit`; returns how many it took.
+  size_t write(const uint8_t *bytes, size_t count, Clock &host, uint64_t limit);
 
   void purgeFifos();
   void setLatency(uint8_t milliseconds) { latency_ = milliseconds; }
@@ -62,12 +69,18 @@ class UsbChannel : public AnswerSink {
   uint64_t patience() const override { return latency_ * uint64_t{1'000'000}; }
 
  private:
+  // Works until a time, or until the first `most` bytes of the FIFO from the host are used up.
+  Progress work(uint64_t until, size_t most, bool toAnswer);
+  size_t waiting() const { return fromHost_.size() - head_; }
+  void drop(size_t used);
+
+  // When the latency timer will send something to the host.
+  uint64_t nextPacket() const;
   void queue(uint8_t byte);
   void sendFullPackets();
   void sendShortPacket(uint64_t nanoseconds);
-  void run();
 
-  Clock &clock_;
+  Clock clock_;
   const size_t fifoSize_;
   PacketSink *host_ = nullptr;
   Pins pins_;
@@ -75,8 +88,11 @@ class UsbChannel : public AnswerSink {
   uint8_t mode_ = kModeReset;
   uint8_t latency_ = 16;
 
-  std::vector<uint8_t> toHost_, fromHost_;
+  std::vector<uint8_t> fromHost_;  // from head_ on
+  size_t head_ = 0;
+  std::vector<uint8_t> toHost_;
   uint64_t waitingSince_ = 0;  // oldest byte in toHost_, or the last packet of an unfinished transfer
+  bool answered_ = false;      // something happened to toHost_
 
   Countdown loss_, corruption_;
   uint8_t corruptionMask_ = 0;

@@ -210,6 +210,7 @@ TEST_F(FlashTest, WithoutPowerOrFlash_TheLineIdles) {
 TEST_F(FlashTest, PowerCycle_ForgetsTheLatchAndKeepsTheContent) {
   program(0x02, 0, {0x12});
   flashFrame({0x06});
+  QTXSim_Advance(1000);
   QTXSim_PowerCycle(device);
   EXPECT_EQ(0x00, status());
   EXPECT_EQ((Bytes{0x12}), content(0, 1));

@@ -110,6 +110,7 @@ TEST_F(SceneInterface, TruthFollowsTheSerialNumber) {
   EXPECT_EQ(QTXSim_TrueDelayElement(device, 3, 0, &first), -1);
 
   frame(3, {0x80 | 0x6B, 1, 1}, 0);
+  QTXSim_Advance(1000);
   double start = 0, element = 0;
   EXPECT_EQ(QTXSim_TrueWindowStart(device, &start), 0);
   EXPECT_EQ(QTXSim_TrueDelayElement(device, QTXSIM_COARSE, 0, &element), 0);

@@ -98,6 +98,7 @@ TEST_F(WireTest, Clock_FollowsDivisorAndBase) {
     write(setting);
     const uint64_t before = statistics().spi_nanoseconds;
     write({0x8F, 0x2B, 0x01});  // 300 bytes
+    QTXSim_Advance(10 * kMillisecond);
     return statistics().spi_nanoseconds - before;
   };
   EXPECT_EQ(80'000u, spent({0x8A, 0x86, 0, 0}));
@@ -109,6 +110,7 @@ TEST_F(WireTest, Clock_FollowsDivisorAndBase) {
 
 TEST_F(WireTest, Clock_LosesNoFractionsOfNanoseconds) {
   for (int i = 0; i < 3; ++i) write({0x8E, 0});
+  QTXSim_Advance(1000);
   EXPECT_EQ(100u, statistics().spi_nanoseconds);
 }
 
@@ -330,7 +332,7 @@ TEST_F(WireTest, Record_GivesFramesToPrograms) {
   flashFrame({0x9F}, 3);
   QTXSim_Event call{}, frame{};
   ASSERT_EQ(0, QTXSim_RecordEvent(0, &call));
-  ASSERT_EQ(0, QTXSim_RecordEvent(1, &frame));
+  ASSERT_EQ(0, QTXSim_RecordEvent(2, &frame)) << "it ends when the read has begun";
   EXPECT_EQ(QTXSIM_EVENT_CALL, call.kind);
   EXPECT_EQ(device, call.device);
   EXPECT_EQ(14u * 8, call.out_bits);
