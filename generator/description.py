@@ -192,13 +192,15 @@ class _Reader:
             self.check_texts(line, row)
         return list(zip(lines, rows))
 
-    def check_texts(self, line, value):
+    def check_texts(self, line, value, depth=0):
         """Texts stand in C++ literals and in lists: printable ASCII only."""
+        if depth > 8:
+            self.fail(line, 'nested too deeply')
         if isinstance(value, str) and not re.fullmatch('[ -~]*', value):
             self.fail(line, f'{ascii(value)} has characters outside printable ASCII')
         if isinstance(value, (list, dict)):
             for each in value if isinstance(value, list) else [*value.keys(), *value.values()]:
-                self.check_texts(line, each)
+                self.check_texts(line, each, depth + 1)
 
 
 def _substituted(value, model):

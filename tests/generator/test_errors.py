@@ -107,6 +107,7 @@ BROKEN = [
     ('strobe = 20', 'strobe = 0x' + 'f' * 9000, START, 'a number outside 0..127'),
     ('auto = 3', 'auto = ' + '3' * 5000, LOW, 'too many digits'),
     ('auto = 0.5', 'auto = ' + '[' * 3000, FACTOR, 'nested too deeply'),
+    ('auto = 0.5', 'auto' + '.a' * 3000 + ' = 0.5', FACTOR, 'nested too deeply'),
     ('{ name = "Chip"', '{ nam = "Chip"', 2, 'a model has a name'),
     ('range = [0, 1]', 'range = [0, inf]', FACTOR, 'no range of two numbers'),
     ('auto = 3', 'auto =', LOW, 'not TOML'),
