@@ -26,6 +26,16 @@ if(TARGET pulsekit)
   cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY ${CMAKE_INSTALL_FULL_BINDIR} OUTPUT_VARIABLE to_libraries)
   set_target_properties(pulsekit PROPERTIES INSTALL_RPATH $ORIGIN/${to_libraries})
   install(TARGETS pulsekit)
+  set(manual ${PROJECT_BINARY_DIR}/pulsekit.1)
+  set(manual_maker ${PROJECT_SOURCE_DIR}/packaging/manual.py)
+  add_custom_command(
+    OUTPUT ${manual}
+    COMMAND Python3::Interpreter ${manual_maker} $<TARGET_FILE:pulsekit> ${PROJECT_VERSION} > ${manual}
+    DEPENDS pulsekit ${manual_maker}
+    COMMENT "Writing the manual page"
+    VERBATIM)
+  add_custom_target(manual ALL DEPENDS ${manual})
+  install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 
 # pulsekit_pkg_config(<name> <library> <description> [<required package>])
