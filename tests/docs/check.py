@@ -52,12 +52,29 @@ def check_codes(text):
             yield f"code {code} does not exist"
 
 
+def blocks(language, text):
+    return re.findall(rf"^ *```{language}\n(.*?)```", text, re.S | re.M)
+
+
+def check_programs(text, folder):
+    for scene in blocks("toml", text):
+        path = pathlib.Path(folder, "scene.toml")
+        path.write_text(scene)
+        error = ctypes.create_string_buffer(256)
+        if SIMULATOR.QTXSim_LoadScene(0, str(path).encode(), error, len(error)) and "reflector" in scene:
+            yield f"scene: {error.value.decode()}"
+    for program in blocks("python", text):
+        run = subprocess.run([sys.executable, "-c", program], env=ENVIRONMENT, capture_output=True, text=True)
+        if run.returncode or "SIM00001" not in run.stdout:
+            yield f"Python: {run.stdout}{run.stderr}"
+
+
 def check_commands(text, folder):
     presets = re.findall(r'"name": "(\w+)"', (ROOT / "CMakePresets.json").read_text())
     for preset in re.findall(r"--preset (\w+)", text):
         if preset not in presets:
             yield f"preset {preset} does not exist"
-    for command in re.findall(r"^pulsekit .*$", "\n".join(re.findall(r"```sh\n(.*?)```", text, re.S)), re.M):
+    for command in re.findall(r"^pulsekit .*$", "\n".join(blocks("sh", text)), re.M):
         if not (BUILD / "pulsekit").exists():
             continue
         run = subprocess.run(
@@ -70,16 +87,20 @@ def check_commands(text, folder):
 sources = [p for pattern in ("*.h", "*.cpp", "*.txt", "*.cmake") for p in ROOT.rglob(pattern) if "build" not in p.parts]
 KNOWN = set(re.findall(r"\w+", "\n".join(path.read_text() for path in sources)))
 LIBRARY = ctypes.CDLL(str(BUILD / "libPulsekit3.so"))
+SIMULATOR = ctypes.CDLL(str(BUILD / "libPulsekit3Simulator.so"))
+SIMULATOR.QTXSim_AddRadar(b"FT0001AB", None, 0, b"QTX-K245", b"QTX3701")
 LIBRARY.GetErrorMessage.restype = ctypes.c_char_p
 with tempfile.TemporaryDirectory() as scratch:
     ENVIRONMENT = os.environ | {
         "PULSEKIT3_BRIDGE_LIBRARY": str(BUILD / "libPulsekit3Simulator.so"),
         "PULSEKIT3_SIMULATED_TIME": "deterministic",
+        "LD_LIBRARY_PATH": str(BUILD),
         "HOME": scratch,
     }
     for document in DOCUMENTS:
         content = document.read_text()
-        found = [*check_links(content), *check_names(content), *check_codes(content), *check_commands(content, scratch)]
+        found = [*check_links(content), *check_names(content), *check_codes(content)]
+        found += [*check_programs(content, scratch), *check_commands(content, scratch)]
         faults += [f"{document.relative_to(ROOT)}: {fault}" for fault in found]
 print("\n".join(faults) or f"{len(DOCUMENTS)} documents agree")
 sys.exit(bool(faults))
