@@ -19,6 +19,9 @@ UtcTime utcNow();
 
 void sleepMilliseconds(uint32_t milliseconds);
 
+// As strtod reads it in the C locale, whatever the process's is.
+double realOf(const char *text);
+
 // Makes millisecond sleeps accurate where the system needs to be asked for it.
 void raiseTimerResolution();
 

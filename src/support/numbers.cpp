@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <string_view>
+
+#include "../platform/platform.h"
 
 namespace pulsekit {
 
@@ -16,32 +16,15 @@ const char *withoutLeadingBlanks(const char *text) { return text + std::strspn(t
 }  // namespace
 
 uint64_t parseInteger(const char *text) {
+  // What comes behind the blanks is left to the standard functions, whose blanks follow the locale.
+  text = withoutLeadingBlanks(text);
+  const bool negative = *text == '-';
+  if (!negative && *text != '+' && (*text < '0' || *text > '9')) return 0;
   // Never an unsigned read of a negative number: far below the range it would come back as a small positive one.
-  const bool negative = *withoutLeadingBlanks(text) == '-';
   return negative ? static_cast<uint64_t>(std::strtoll(text, nullptr, 10)) : std::strtoull(text, nullptr, 10);
 }
 
-double parseDouble(const char *text) {
-  text = withoutLeadingBlanks(text);
-  const bool negative = *text == '-';
-  if (*text == '-' || *text == '+') ++text;
-  if (*text == '-' || *text == '+') return 0.0;
-
-  const char *end = text + std::strlen(text);
-  const bool hexadecimal = text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
-  double value = 0.0;
-  const std::from_chars_result result = hexadecimal ? std::from_chars(text + 2, end, value, std::chars_format::hex)
-                                                    : std::from_chars(text, end, value, std::chars_format::general);
-  if (result.ec == std::errc::invalid_argument) return 0.0;
-  if (result.ec == std::errc::result_out_of_range) {
-    const std::string_view number(text, static_cast<size_t>(result.ptr - text));
-    const size_t exponent = number.find_first_of(hexadecimal ? "pP" : "eE");
-    const bool tiny = exponent != number.npos ? number.substr(exponent + 1, 1) == "-"
-                                              : number.starts_with("0.") || number.starts_with(".");
-    value = tiny ? 0.0 : HUGE_VAL;
-  }
-  return negative ? -value : value;
-}
+double parseDouble(const char *text) { return platform::realOf(text); }
 
 namespace {
 

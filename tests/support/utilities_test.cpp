@@ -146,9 +146,10 @@ TEST(Numbers, IntegersReadAsLenientlyAsAtoiButInSixtyFourBits) {
 }
 
 TEST(Numbers, DoublesReadAsLenientlyAsAtof) {
-  const char *const texts[] = {"1.5",    "-1.5e3", "+2",      "  7e-1x", "1.500000e+009", "",       "x",
-                               "-",      "1e",     "0x1.8p1", "inf",     "-inf",          "1e999",  "-1e999",
-                               "1e-999", ".5",     "1e-310",  "5.",      "-abc",          "0.1e999"};
+  const char *const texts[] = {"1.5",   "-1.5e3", "+2",     "  7e-1x", "1.500000e+009", "",
+                               "x",     "-",      "1e",     "0x1.8p1", "inf",           "-inf",
+                               "1e999", "-1e999", "1e-999", "0x-5",    "-0x",           "0xinf",
+                               ".5",    "1e-310", "5.",     "-abc",    "0.1e999"};
   for (const char *text : texts) EXPECT_EQ(doubleToBits(parseDouble(text)), doubleToBits(std::atof(text))) << text;
   EXPECT_TRUE(std::isnan(parseDouble("nan")));
   EXPECT_EQ(parseDouble("+-5"), 0.0);
