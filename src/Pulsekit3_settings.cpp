@@ -120,7 +120,7 @@ extern "C" {
 int32_t QTX_VarsSaveToFile(QTX_Handle *handle, const char *path) try {
   if (int32_t code = checkCall(handle, HERE, path)) return code;
   platform::FileReplacement file(path);
-  if (!file.stream()) return origin(handle->error, HERE_AT(1928), kCouldNotOpenFile, "Could not open file for write");
+  if (!file) return origin(handle->error, HERE_AT(1928), kCouldNotOpenFile, "Could not open file for write");
 
   std::string text = headerLines(handle);
   if (handle->module) {
@@ -135,8 +135,7 @@ int32_t QTX_VarsSaveToFile(QTX_Handle *handle, const char *path) try {
       return code;
     }
   }
-  const bool written = std::fwrite(text.data(), 1, text.size(), file.stream()) == text.size();
-  if (!file.commit() || !written) return origin(handle->error, HERE, kCouldNotOpenFile, "Error writing file");
+  if (!file.commit(text)) return origin(handle->error, HERE, kCouldNotOpenFile, "Error writing file");
   return kSuccess;
 } catch (const std::bad_alloc &) {
   return origin(handle->error, HERE, kOutOfMemory);

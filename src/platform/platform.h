@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <ctime>
 #include <string>
+#include <string_view>
 
 struct QTX_Handle;
 
@@ -60,17 +61,26 @@ class SharedLibrary {
 // The local time as the standard ctime text, "Fri May 17 09:04:31 2013\n"; at least 26 characters.
 void localTimeText(std::time_t time, char *buffer);
 
-// A text file that is written as a whole. What stands at the path stays there until commit() has succeeded: the new text
-// goes to a file beside it that then takes its place and its mode. A device, a pipe, the target of a link, or a file in
-// a folder that takes no new file is written in place.
+// A text file that is written as a whole. What stands at the path stays there until commit() has succeeded: the new
+// text goes to a file beside it that then takes its place and its mode. A device, a pipe, the target of a link, or a
+// file in a folder that takes no new file is written in place, and not touched before commit(). Files beside it that
+// earlier replacements have left, because their process ended too soon, are removed.
 class FileReplacement {
  public:
   explicit FileReplacement(const char *path);
   ~FileReplacement();  // without a commit everything stays as it was
   FileReplacement(const FileReplacement &) = delete;
   FileReplacement &operator=(const FileReplacement &) = delete;
-  FILE *stream() const { return stream_; }  // null when the path can't be written
-  bool commit();
+  explicit operator bool() const { return stream_ != nullptr; }  // false when the path can't be written
+  bool commit(std::string_view text);
+
+  // The name of a file beside the one to replace is that name, this, "<number>-<number>".
+  static constexpr char kBesideMark[] = ".new-";
+  static bool isBesideEnding(std::string_view ending) {
+    const size_t first = ending.find_first_not_of("0123456789");
+    if (first == 0 || first == ending.npos || ending[first] != '-' || first + 1 == ending.size()) return false;
+    return ending.find_first_not_of("0123456789", first + 1) == ending.npos;
+  }
 
  private:
   std::string path_;

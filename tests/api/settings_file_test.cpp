@@ -104,10 +104,12 @@ TEST_F(SettingsFile, AnItemThatIsNoneEndsTheSaveAndKeepsTheOldFile) {
   EXPECT_EQ(QTX_VarsSaveToFile(handle, path.c_str()), 1);
   EXPECT_NE(description(handle).find("QTX_VarsSaveToFile in src/Pulsekit3:2027"), std::string::npos);
   radar.module_set["Power"].value = 999;
-  EXPECT_EQ(QTX_VarsSaveToFile(handle, path.c_str()), 1);
+  const std::string second_name = folder.file("second");
+  std::filesystem::create_hard_link(path, second_name);  // so that the file is written in place
+  EXPECT_EQ(QTX_VarsSaveToFile(handle, second_name.c_str()), 1);
   EXPECT_NE(description(handle).find("QTX_VarsSaveToFile in src/Pulsekit3:1984"), std::string::npos);
   EXPECT_EQ(contents(path), "old");
-  EXPECT_EQ(folder.fileCount(), 1u);
+  EXPECT_EQ(folder.fileCount(), 2u);
 }
 
 struct LoadCase {
@@ -255,6 +257,13 @@ TEST_F(SettingsFile, ANameThatLeavesNoRoomForAnotherBesideItIsWrittenInPlace) {
   EXPECT_EQ(QTX_VarsSaveToFile(handle, longest.c_str()), 0);
   EXPECT_NE(contents(longest).find("Count=40\n"), std::string::npos);
   EXPECT_EQ(folder.fileCount(), 1u);
+}
+
+TEST_F(SettingsFile, WhatAnEarlierSaveLeftIsRemovedAndNothingElse) {
+  for (const char *name : {".new-17-0", ".new-0-99", ".new-17-0.txt", ".new-version-2"}) write(path + name, "left");
+  ASSERT_EQ(QTX_VarsSaveToFile(handle, path.c_str()), 0);
+  EXPECT_EQ(folder.fileCount(), 3u);
+  EXPECT_EQ(contents(path + ".new-17-0.txt") + contents(path + ".new-version-2"), "leftleft");
 }
 
 TEST_F(SettingsFile, AFullDiskKeepsTheOldFile) {
