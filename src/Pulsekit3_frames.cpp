@@ -38,6 +38,16 @@ int32_t frameLength(QTX_Handle *handle, int32_t capacity, size_t *length) {
   return kSuccess;
 }
 
+// As the frame length is stored, for what comes before it is read; the capacity where there is none.
+int32_t storedFrameLength(const QTX_Handle *handle, int32_t capacity) {
+  for (VariableSet *set : lookupOrder(handle)) {
+    if (const Variable *samplers = set ? varNamed(set, "SamplersPerFrame") : nullptr) {
+      return static_cast<int32_t>(std::min<uint64_t>(samplers->value, static_cast<uint64_t>(capacity)));
+    }
+  }
+  return capacity;
+}
+
 void appendLittleEndian(std::string &bytes, uint64_t value, size_t count) {
   for (size_t i = 0; i < count; ++i) bytes += static_cast<char>(value >> (8 * i) & 0xff);
 }
@@ -138,11 +148,11 @@ int32_t takeNormalizedFrame(QTX_Handle *handle, const NormalizedPoints &points, 
   if (int32_t code = chip->operations.CaptureFrame(chip, raw.data(), entries, option)) {
     return passThrough(handle->error, points.capture, code);
   }
-  size_t length = 0;
-  if (int32_t code = frameLength(handle, entries, &length)) return passThrough(handle->error, points.call, code);
-  if (int32_t code = (chip->operations.*normalize)(chip, raw.data(), frame, static_cast<int32_t>(length))) {
+  if (int32_t code = (chip->operations.*normalize)(chip, raw.data(), frame, storedFrameLength(handle, entries))) {
     return passThrough(handle->error, points.normalize, code);
   }
+  size_t length = 0;
+  if (int32_t code = frameLength(handle, entries, &length)) return passThrough(handle->error, points.call, code);
   return logNormalizedFrame(handle, points, frame, length);
 }
 
@@ -266,7 +276,9 @@ int32_t QTX_FrameLoggingStop(QTX_Handle *handle) {
   if (!handle->frame_log) return kSuccess;
   FILE *file = handle->frame_log;
   handle->frame_log = nullptr;
-  if (std::fclose(file) != 0) {
+  // The file remembers a write that failed while frames were taken.
+  const bool complete = std::ferror(file) == 0;
+  if (std::fclose(file) != 0 || !complete) {
     return origin(handle->error, HERE_AT(2511), kError, "Could not close radar frame log file");
   }
   return kSuccess;

@@ -186,7 +186,7 @@ int32_t QTX_VarGetValueAsFloat_ByName(QTX_Handle *handle, const char *name, doub
     *value = static_cast<double>(word);
   } else if (variable->flags & VAR_FLAG_FLOAT) {
     *value = bitsToDouble(word);
-  } else if (variable->flags & VAR_FLAG_ENUM && read_code == kSuccess) {
+  } else if (variable->flags & VAR_FLAG_ENUM) {
     int32_t index = -1;
     if (int32_t code = varGetEnumIndex(set, variable, static_cast<uint32_t>(word), &index)) {
       return passThrough(handle->error, HERE, code);

@@ -239,7 +239,7 @@ TEST_F(SecondGeneration, AFullFrameLogLeavesTheRadarUsable) {
   radar->frame_log_flags = 0x22;
   EXPECT_EQ(QTX_GetFrameNormalized(radar, frame.data(), static_cast<int64_t>(length)), 1);
   EXPECT_GE(frame[0], 0.0);
-  EXPECT_EQ(QTX_FrameLoggingStop(radar), 0);
+  EXPECT_EQ(QTX_FrameLoggingStop(radar), 1);
   EXPECT_EQ(QTX_GetFrameNormalized(radar, frame.data(), static_cast<int64_t>(length)), 0);
 }
 

@@ -103,6 +103,8 @@ TEST_F(Frames, FailuresCarryTheirTracePoints) {
   EXPECT_NE(description(handle).find("QTX_GetFrameNormalizedDouble in src/Pulsekit3:1211"), std::string::npos);
   EXPECT_EQ(QTX_GetFrameNormalizedFloat(handle, single, 6, 0), 1286);
   EXPECT_NE(description(handle).find("QTX_GetFrameNormalizedFloat in src/Pulsekit3:1323"), std::string::npos);
+  radar.chip_set["SamplersPerFrame"].flags &= ~uint32_t{VAR_FLAG_VISIBLE};
+  EXPECT_EQ(QTX_GetFrameNormalizedDouble(handle, normalized, 6, 0), 1286) << "before the frame length is read";
 }
 
 constexpr char kStamp[] = "\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}";
@@ -229,6 +231,7 @@ TEST_F(Frames, AFullDiskIsToldAndTheFrameIsNotLost) {
               std::string("ERROR 0x1: Error - Could not write to radar frame log file\r\n   at: ") + point);
     EXPECT_EQ(QTX_GetFrameRaw(handle, raw, 6), 0);
     EXPECT_EQ(raw[0], 17u);
+    EXPECT_EQ(QTX_FrameLoggingStop(handle), 1) << "a write has failed";
   }
 }
 

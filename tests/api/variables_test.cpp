@@ -164,7 +164,7 @@ TEST_F(Variables, AHiddenVariableCannotBeRead) {
   uint32_t writable = 77, automatic = 77;
   EXPECT_EQ(QTX_VarGetValue_ByName(handle, "Count", &word), 1282);
   EXPECT_EQ(QTX_VarGetIntValue_ByName(handle, "Count", &integer), 1282);
-  EXPECT_EQ(QTX_VarGetValueAsFloat_ByName(handle, "Mode", &value), 1282);
+  EXPECT_EQ(QTX_VarGetValueAsFloat_ByName(handle, "Mode", &value), 1) << "nothing is no item";
   EXPECT_EQ(QTX_VarGetFloatProperties_ByName(handle, "Count", &min, &max, &writable, &automatic), 1282);
   EXPECT_EQ(word, 77u);
   EXPECT_EQ(integer, 77);
