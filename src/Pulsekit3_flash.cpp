@@ -102,6 +102,16 @@ int32_t loadChipValues(VariableSet *set, const uint64_t *values, const Words &re
   return kSuccess;
 }
 
+// Variables that follow their automatic values may do so from settings that have been loaded after them.
+int32_t followSettings(VariableSet *set) {
+  for (size_t i = 0; i < countOf(set); ++i) {
+    Variable *variable = &set->variables[i];
+    if (!isLoaded(*variable) || !(variable->flags & VAR_FLAG_AUTO)) continue;
+    if (int32_t code = varSetIntValue(set, variable, VAR_AUTO)) return code;
+  }
+  return kSuccess;
+}
+
 int32_t settingsAddress(QTX_Handle *handle, uint32_t *address) {
   int64_t value = 0;
   const int32_t code = QTX_VarGetIntValue_ByName(handle, "AddressOfVariableStorage", &value);
@@ -193,9 +203,9 @@ int32_t transferBoardInfo(QTX_Handle *handle, const BoardInfoPoints &points, Byt
   const int32_t code = transferWithoutModule(handle, points, buffer, length, operation, &started);
   const int32_t disconnect_code = interfaceDisconnect(handle->interface_handle);
   if (!started) {
-    // The result is that of disconnecting, whatever kept the board from starting.
+    // The result is that of disconnecting, whatever else kept the board from starting.
     if (disconnect_code == kSuccess) releaseLayers(handle);
-    return disconnect_code;
+    return code == kOutOfMemory ? code : disconnect_code;
   }
   if (code == kSuccess) interfaceFreeHandle(&handle->interface_handle, nullptr);
   return code;
@@ -250,6 +260,8 @@ int32_t QTX_VarsLoadFromFlash(QTX_Handle *handle) try {
   if (int32_t code = loadChipValues(chip, module_values + countOf(module), record)) {
     return passThrough(handle->error, HERE_AT(1899), code);
   }
+  if (int32_t code = followSettings(module)) return passThrough(handle->error, HERE_AT(1875), code);
+  if (int32_t code = followSettings(chip)) return passThrough(handle->error, HERE_AT(1899), code);
   return kSuccess;
 } catch (const std::bad_alloc &) {
   return origin(handle->error, HERE, kOutOfMemory);

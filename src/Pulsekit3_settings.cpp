@@ -5,6 +5,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "Pulsekit3.h"
 #include "calls.h"
@@ -93,6 +94,20 @@ int32_t applySetting(QTX_Handle *handle, const char *name, const char *value, in
   return QTX_VarSetValue_ByString(handle, name, value);
 }
 
+// Variables that follow their automatic values may do so from settings further down in what is loaded.
+struct Following {
+  VariableSet *set;
+  Variable *variable;
+};
+
+int32_t follow(const std::vector<Following> &variables) {
+  for (const auto &[set, variable] : variables) {
+    if (!(variable->flags & VAR_FLAG_AUTO)) continue;
+    if (int32_t code = varSetIntValue(set, variable, VAR_AUTO)) return code;
+  }
+  return kSuccess;
+}
+
 // Splits a line of the section at its first '='; null when it sets nothing.
 char *splitSetting(char *line) {
   if (std::strstr(line, kReadOnlyMark)) return nullptr;
@@ -150,6 +165,7 @@ int32_t QTX_VarsLoadFromFile(QTX_Handle *handle, const char *path) try {
   char line[kLineSize];
   bool in_section = false;
   int32_t unknown = 0;
+  std::vector<Following> following;
   while (std::fgets(line, sizeof line, file.get())) {
     if (line[0] == ';') continue;
     if (line[0] == '[') {
@@ -168,8 +184,10 @@ int32_t QTX_VarsLoadFromFile(QTX_Handle *handle, const char *path) try {
     if (int32_t code = applySetting(handle, line, value, &point)) {
       return passThrough(handle->error, HERE_AT(point), code);
     }
+    if (variable->flags & VAR_FLAG_AUTO) following.push_back({set, variable});
   }
   if (std::ferror(file.get())) return origin(handle->error, HERE_AT(2171), kCouldNotOpenFile, "Error reading file");
+  if (int32_t code = follow(following)) return passThrough(handle->error, HERE_AT(2129), code);
   if (unknown == 0) return kSuccess;
   return origin(handle->error, HERE_AT(2182), kError, "Skipped " + std::to_string(unknown) + " unknown variables");
 } catch (const std::bad_alloc &) {

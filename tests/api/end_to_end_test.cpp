@@ -294,6 +294,21 @@ TEST_F(SecondGeneration, TheTimingMeasurementIsKeptInFlash) {
   EXPECT_EQ(QTX_TimingMeasurementResults(radar, after.data(), 514), 2);
 }
 
+TEST_F(SecondGeneration, ACalibrationComesBackFromAFileAsItWasSaved) {
+  const Folder folder;
+  const auto save = [&](const std::string &path) {
+    EXPECT_EQ(QTX_VarsSaveToFile(radar, path.c_str()), 0);
+    const std::string text = contents(path);
+    return text.substr(text.find('\n'));
+  };
+  ASSERT_EQ(QTX_ExecuteAction_ByName(radar, "MeasureAll"), 0) << description(radar);
+  const std::string saved = save(folder.file("first"));
+  EXPECT_EQ(QTX_PowerOffRadar(radar), 0);
+  EXPECT_EQ(QTX_PowerOnRadar(radar), 0);
+  EXPECT_EQ(QTX_VarsLoadFromFile(radar, folder.file("first").c_str()), 0) << description(radar);
+  EXPECT_EQ(save(folder.file("second")), saved);
+}
+
 TEST_F(SecondGeneration, TheInterfaceLogRecordsTransfers) {
   Folder folder;
   const std::string path = folder.file("spi.log");

@@ -48,6 +48,7 @@ constexpr const char *kMeasurementEnables[] = {"MClkMeasMode", "SWMeasEnable", "
 constexpr const char *kDelayVariables[] = {
     "SDCT", "SDMT", "SDFT", "SPDCT", "SPDMT", "SPDFT", "StaggeredPRFEnable", nullptr, "SDFTEnable", "SPDFTEnable"};
 constexpr size_t kFirstFineEnable = 8;
+constexpr size_t kFollowFineEnable[] = {2, 1};
 constexpr size_t kResetOrder[] = {2, 1, 0, 5, 4, 3, 6, 8, 9};
 constexpr size_t kRestoreOrder[] = {2, 1, 0, 3, 4, 5, 6, 8, 9};
 
@@ -271,6 +272,10 @@ int32_t CHIP(measureRestoreDelays)(VariableSet *set) {
   if (!chip || !chip->saved_delays) return kSuccess;
   const auto *saved = static_cast<const SavedDelays *>(chip->saved_delays);
   for (const size_t slot : kRestoreOrder) setInteger(set, kDelayVariables[slot], saved->slots[slot]);
+  // The fine chains were on until the end of that order: what follows the delay does so with them as they are now.
+  for (const size_t slot : kFollowFineEnable) {
+    if (saved->slots[slot] == VAR_AUTO) setInteger(set, kDelayVariables[slot], VAR_AUTO);
+  }
   return kSuccess;
 }
 
