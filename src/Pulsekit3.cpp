@@ -4,6 +4,7 @@
 #include <memory>
 #include <new>
 
+#include "Pulsekit3_radars.h"
 #include "chip/chip.h"
 #include "interface/interface.h"
 #include "module/module.h"
@@ -49,6 +50,7 @@ int32_t QTX_FreeHandle(QTX_Handle **handle_slot) {
   if (!handle_slot || !*handle_slot) return kSuccess;
   QTX_Handle *handle = *handle_slot;
   destroyHandleState(handle);
+  releaseLeftInterface(handle);
   QTX_StackTraceFree(&handle->error);
   delete handle->connection_info;
   if (handle->frame_log) std::fclose(handle->frame_log);

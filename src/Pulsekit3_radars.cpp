@@ -32,15 +32,18 @@ std::vector<std::string> splitDevices(const char *list) {
   return std::vector<std::string>(fields.begin(), fields.begin() + count);
 }
 
-// "!<module>!<chip>" of what the connected interface reaches.
-std::string detectedNames(QTX_Handle *handle) {
+// Appends "!<module>!<chip>" of what the connected interface reaches. Codes: 7; whatever else fails is unknown.
+int32_t appendDetectedNames(QTX_Handle *handle, std::string &entry) {
   char module[kNameSize] = "";
   char chip[kNameSize] = "";
-  if (moduleGetConnectedModuleName(&handle->module, &handle->error, handle, module) != kSuccess) {
-    return std::string("!") + kUnknown + "!" + kUnknown;
+  int32_t code = moduleGetConnectedModuleName(&handle->module, &handle->error, handle, module);
+  if (code == kSuccess) {
+    code = chipGetConnectedChipName(&handle->chip, &handle->error, handle, chip);
+    entry += std::string("!") + module + "!" + (code == kSuccess ? chip : kUnknown);
+  } else {
+    entry += std::string("!") + kUnknown + "!" + kUnknown;
   }
-  const int32_t code = chipGetConnectedChipName(&handle->chip, &handle->error, handle, chip);
-  return std::string("!") + module + "!" + (code == kSuccess ? chip : kUnknown);
+  return code == kOutOfMemory ? code : int32_t{kSuccess};
 }
 
 // Completes the entry of a device. A failure's trace point goes to *line.
@@ -52,11 +55,11 @@ int32_t probe(QTX_Handle *handle, std::string &entry, int *line) {
   }
   *line = 219;
   if (int32_t code = interfaceInitInterface(handle->interface_handle)) return code;
-  if (interfaceConnect(handle->interface_handle, entry.c_str()) != kSuccess) {
+  if (int32_t code = interfaceConnect(handle->interface_handle, entry.c_str())) {
     entry += std::string("!") + kUnknown + "!" + kUnknown;
-    return kSuccess;
+    return code == kOutOfMemory ? code : int32_t{kSuccess};
   }
-  entry += detectedNames(handle);
+  if (int32_t code = appendDetectedNames(handle, entry)) return code;
   *line = 283;
   return interfaceDisconnect(handle->interface_handle);
 }
@@ -85,15 +88,21 @@ void releaseLayers(QTX_Handle *handle) {
   if (handle->error) *handle->error = kept;
 }
 
+void releaseLeftInterface(QTX_Handle *handle) {
+  const InterfaceHandle *bridge = handle->interface_handle;
+  if (!bridge || handle->chip || handle->module || bridge->Unlock != interfaceUnlock) return;
+  if (interfaceIsOurs(bridge)) interfaceFreeHandle(&handle->interface_handle, nullptr);
+}
+
 }  // namespace pulsekit
 
 extern "C" {
 
 int32_t QTX_ListRadarModules(QTX_Handle *handle, char *buffer, uint32_t size) try {
   if (int32_t code = checkCall(handle, HERE, buffer)) return code;
+  TextBuffer list(buffer, size);
   if (interfaceIsConnected(handle)) return origin(handle->error, HERE, kError, "A radar is open on this handle");
   releaseLayers(handle);
-  TextBuffer list(buffer, size);
   char devices[kDeviceListSize] = "";
   if (int32_t code = interfaceListConnectedInterfaces(handle, devices, sizeof devices)) {
     return passThrough(handle->error, HERE_AT(183), code);
@@ -141,7 +150,8 @@ int32_t QTX_OpenRadar(QTX_Handle *handle, const char *connection_string) {
   if (isKnown(info.module_name)) {
     if (int32_t code = moduleInitHandle(&handle->module, &handle->error, handle, info.module_name)) {
       passThrough(handle->error, HERE_AT(399), code);
-      return interfaceDisconnect(bridge);
+      const int32_t disconnected = interfaceDisconnect(bridge);
+      return code == kOutOfMemory ? code : disconnected;
     }
     const int32_t code = handle->module->InitModule(handle->module);
     if (code != kSuccess && code != kUnknownModule) return giveUp(handle, HERE_AT(412), code);
@@ -181,11 +191,6 @@ int32_t QTX_CloseRadar(QTX_Handle *handle) {
 
 int32_t QTX_PowerOnRadar(QTX_Handle *handle) {
   if (int32_t code = checkCall(handle, HERE)) return code;
-  // Nothing is switched for a radar that could not be started; one without a module has no such variable.
-  if (handle->module) {
-    if (int32_t code = checkModule(handle, HERE, &ModuleHandle::InitModule)) return code;
-    if (int32_t code = checkChip(handle, HERE, &ChipOperations::InitChip)) return code;
-  }
   if (int32_t code = QTX_VarSetIntValue_ByName(handle, "RadarModulePower", 1)) {
     return passThrough(handle->error, HERE_AT(515), recordedCode(handle, code));
   }
@@ -193,6 +198,7 @@ int32_t QTX_PowerOnRadar(QTX_Handle *handle) {
   if (int32_t code = handle->module->InitModule(handle->module)) {
     return passThrough(handle->error, HERE_AT(522), recordedCode(handle, code));
   }
+  if (int32_t code = checkChip(handle, HERE, &ChipOperations::InitChip)) return code;
   if (int32_t code = handle->chip->operations.InitChip(handle->chip)) {
     return passThrough(handle->error, HERE_AT(529), recordedCode(handle, code));
   }

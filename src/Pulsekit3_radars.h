@@ -11,4 +11,7 @@ bool interfaceIsConnected(const QTX_Handle *handle);
 // Frees chip, module and interface, which closes the device, and keeps the record as it is.
 void releaseLayers(QTX_Handle *handle);
 
+// Frees the interface that a failed open or close has left on the handle. One that a host has made itself stays.
+void releaseLeftInterface(QTX_Handle *handle);
+
 }  // namespace pulsekit

@@ -204,15 +204,16 @@ int32_t interfaceListConnectedInterfaces(QTX_Handle *owner, char *out, uint32_t 
   if (!owner) return kRadarNotInitialized;
   if (!out) return origin(owner->error, HERE, kError);
   if (size == 0) return origin(owner->error, HERE, kBufferTooSmall);
+  out[0] = '\0';
   InterfaceHandle **slot = &owner->interface_handle;
   if (interfaceHasDevice(*slot)) return origin(owner->error, HERE, kError, "A radar is open on this handle");
   interfaceFreeHandle(slot, nullptr);
 
-  out[0] = '\0';
   int32_t result = kSuccess;
   for (const Driver &driver : kDrivers) {
     int32_t not_open = 0;
-    if (interfaceInitHandle(slot, &owner->error, owner, driver.name, &not_open)) {
+    if (int32_t code = interfaceInitHandle(slot, &owner->error, owner, driver.name, &not_open)) {
+      if (code == kOutOfMemory) return passThrough(owner->error, HERE, code);
       return origin(owner->error, HERE, kInterfaceInit, driver.name);
     }
     if (interfaceInitInterface(*slot)) {

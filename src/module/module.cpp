@@ -160,6 +160,7 @@ int32_t moduleGetConnectedModuleName(ModuleHandle **out, QTX_StackTrace **error_
     last = moduleInitModule(*out);
     const bool found = last == kSuccess && std::strcmp((*out)->board_name, board.name) == 0;
     moduleFree(out, nullptr);
+    if (last == kOutOfMemory) break;
     if (!found) continue;
     putName(name, board.name);
     return kSuccess;

@@ -199,6 +199,8 @@ TEST_F(PassThrough, ALayerWithoutTheOperationCountsAsMissing) {
   EXPECT_EQ(QTX_GetFrameRaw(handle, table, 4), 770);
   EXPECT_EQ(QTX_GetFrameNormalized(handle, results, 4), 770);
   EXPECT_EQ(QTX_ModuleReadBoardInfo(handle, in, 4), 514);
+  EXPECT_EQ(QTX_PowerOnRadar(handle), 1283) << "the power comes first";
+  radar.module_set.add("RadarModulePower", VAR_FLAG_INT);
   EXPECT_EQ(QTX_PowerOnRadar(handle), 514);
 }
 

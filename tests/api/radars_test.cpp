@@ -91,7 +91,7 @@ TEST_F(Radars, ListingLeavesAnOpenRadarAlone) {
   std::vector<char> text(64, '?');
   EXPECT_EQ(QTX_ListRadarModules(radar, text.data(), 64), 1);
   EXPECT_NE(description(radar).find("A radar is open on this handle"), std::string::npos);
-  EXPECT_EQ(text[0], '?');
+  EXPECT_EQ(text[0], '\0');
   EXPECT_EQ(QTX_VarSetIntValue_ByName(radar, "PulsesPerStep", 41), 0);
 }
 
@@ -207,6 +207,20 @@ TEST_F(Radars, ClosingTwiceIsFineAndAFailedCloseCanBeRepeated) {
   EXPECT_EQ(QTX_OpenRadar(radar, connection().c_str()), 0);
 }
 
+TEST_F(Radars, ACloseThatFailsLosesNoDevice) {
+  addRadar();
+  QTXSim_FailCall("Close", 1, 1, 4);
+  EXPECT_EQ(QTX_OpenRadar(radar, connection("QTX-K245", "QTX9999").c_str()), 769);
+  EXPECT_EQ(list(), connection());
+  QTX_Handle *other = nullptr;
+  ASSERT_EQ(QTX_InitHandle(&other), 0);
+  ASSERT_EQ(QTX_OpenRadar(other, connection().c_str()), 0);
+  QTXSim_FailCall("Close", 1, 1, 4);
+  EXPECT_EQ(QTX_CloseRadar(other), 266);
+  EXPECT_EQ(QTX_FreeHandle(&other), 0);
+  EXPECT_EQ(QTX_OpenRadar(radar, connection().c_str()), 0);
+}
+
 TEST_F(Radars, AChipThatCannotBeFreedDoesNotStopClosing) {
   addRadar();
   ASSERT_EQ(QTX_OpenRadar(radar, connection().c_str()), 0);
@@ -262,6 +276,10 @@ TEST_F(Radars, AFailedPowerOnCarriesItsTracePoint) {
   QTXSim_ChipStickBits(number, 0x31, 0xff, 0x55);
   EXPECT_EQ(QTX_PowerOnRadar(radar), 1281);
   EXPECT_NE(description(radar).find("QTX_PowerOnRadar in src/Pulsekit3:529"), std::string::npos);
+  ASSERT_EQ(QTX_OpenRadar(radar, connection("QTX-K245", "Unknown").c_str()), 0);
+  EXPECT_EQ(QTX_PowerOffRadar(radar), 0);
+  EXPECT_EQ(QTX_PowerOnRadar(radar), 770);
+  EXPECT_EQ(QTXSim_PinLevel(number, 5), 1) << "the chip's turn comes last";
   QTXSim_FlashPresent(number, 0);
   EXPECT_EQ(QTX_PowerOnRadar(radar), 513);
   EXPECT_NE(description(radar).find("QTX_PowerOnRadar in src/Pulsekit3:522"), std::string::npos);
