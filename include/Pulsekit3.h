@@ -9,7 +9,8 @@
  *     entries, unless stated otherwise. A text that does not fit gives code 2.
  *  3. Text is 8-bit and NUL-terminated; names are case-sensitive.
  *  4. A missing handle gives 1025, a missing chip 770, a missing module 514, a missing interface 269 and a
- *     null argument 1, unless stated otherwise. Nothing is written then.
+ *     null argument 1, unless stated otherwise. Nothing is written then. Names of variables and actions are unknown
+ *     (1283, 1284) while the layer that has them is missing.
  *  5. A handle is used by one thread at a time. The library starts no thread of its own.
  *  6. No C++ exception leaves the library; failed allocations are code 7.
  */
@@ -43,7 +44,8 @@ extern QTX_API int32_t QTX_DebugLevel;
 /* Creates a handle with no radar open. Codes: 1 null slot, 7. Free it with QTX_FreeHandle. */
 QTX_API int32_t QTX_InitHandle(QTX_Handle **handle_out);
 
-/* Frees the handle and sets the slot to null; a null handle is fine. Close the radar first. */
+/* Frees the handle and sets the slot to null; a null handle is fine. Close the radar first: of one that is open, only
+   the memory of the handle itself comes back. What a failed open or close has left is released. */
 QTX_API int32_t QTX_FreeHandle(QTX_Handle **handle_slot);
 
 /* Writes "3.3.0~RC1 (x64)". Code 2 when size is 12 or less. The text takes 16 bytes whatever the size from 13 on. */
@@ -83,8 +85,9 @@ QTX_API const char *GetErrorMessage(int32_t code);
 
 /* Writes the connection strings of all attached radars, "<interface>!<device>!<module>!<chip>", separated by '#'.
    "Unknown" stands for what was not recognised or is held by another process. No radar is an empty text and success.
-   The module boards are powered up on the way. With more than ten bridges attached the text stays empty. Codes: 1 a
-   radar is open on this handle, 2, codes of the bridge. */
+   The module boards are powered up on the way. A bridge of several ports counts with each of them: with more than ten
+   ports attached the text stays empty. Codes: 1 a radar is open on this handle (the text is empty), 2, 7, codes of the
+   bridge. */
 QTX_API int32_t QTX_ListRadarModules(QTX_Handle *handle, char *buffer, uint32_t size);
 
 /* Opens the radar that the connection string names. A module or chip field "Unknown" leaves that layer out. When only
@@ -94,10 +97,13 @@ QTX_API int32_t QTX_ListRadarModules(QTX_Handle *handle, char *buffer, uint32_t 
    first. Code 1025 for a null handle. */
 QTX_API int32_t QTX_OpenRadar(QTX_Handle *handle, const char *connection_string);
 
-/* Closes the radar; closing twice is fine. Code 1 for a null handle, 266 when the bridge can't be closed. */
+/* Closes the radar; closing twice is fine. Code 1 for a null handle, 266 when the bridge can't be closed: call it
+   again, or open a radar or free the handle, which try once more. A device that then still can't be closed is closed as
+   soon as this process opens or lists it again. */
 QTX_API int32_t QTX_CloseRadar(QTX_Handle *handle);
 
-/* Switches the module's supply on, then starts module and chip anew; or off. */
+/* Switches the module's supply on, then starts module and chip anew; or off. Codes: 1283 without a module, 770 without
+   a chip (once supply and module are on), those of the start. */
 QTX_API int32_t QTX_PowerOnRadar(QTX_Handle *handle);
 QTX_API int32_t QTX_PowerOffRadar(QTX_Handle *handle);
 
@@ -106,8 +112,8 @@ QTX_API int32_t QTX_PowerOffRadar(QTX_Handle *handle);
    integer, the bits of a double, or the symbol number of an enumeration item. The integer functions take and give item
    indices (from 0) instead of symbol numbers. 0x7FFFFFFF as a value puts a variable back to its automatic value.
    Setting writes the hardware at once, reads it back and then updates all automatic values that depend on it.
-   Codes: 1283 unknown variable, 1284 unknown action, 1285 read only, 1286 illegal value, 1282 not visible, 1281 the
-   chip did not keep the value, and those of the bridge. */
+   Codes: 1283 unknown variable, 1284 unknown action (also while the chip or module that has it is not open), 1285 read
+   only, 1286 illegal value, 1282 not visible, 1281 the chip did not keep the value, and those of the bridge. */
 QTX_API int32_t QTX_VarSetValue_ByName(QTX_Handle *handle, const char *name, uint64_t value);
 QTX_API int32_t QTX_VarSetFloatValue_ByName(QTX_Handle *handle, const char *name, double value);
 QTX_API int32_t QTX_VarSetIntValue_ByName(QTX_Handle *handle, const char *name, int64_t value);
@@ -159,18 +165,22 @@ QTX_API int32_t QTX_GetCDF(QTX_Handle *handle, uint32_t *table, int32_t capacity
 /* flags: 1 raw frames, 2 normalized frames, 0x10 text, 0x20 binary. precision: digits after the point in text; 8-byte
    values above 4 and 4-byte values otherwise in binary. docs/formats.md describes the files. Codes: 6, 1. */
 QTX_API int32_t QTX_FrameLoggingStart(QTX_Handle *handle, const char *path, int32_t flags, int32_t precision);
+/* Code 1 when the file can't be closed or a frame could not be written to it in full. */
 QTX_API int32_t QTX_FrameLoggingStop(QTX_Handle *handle);
 
 /* ---- Settings file, flash, board information -------------------------------------------------------------------- */
 
-/* The settings of module and chip as text (docs/formats.md). A failed save leaves an existing file as it was. Code 6
-   when the file can't be opened or written. */
+/* The settings of module and chip as text (docs/formats.md). A failed save leaves an existing file as it was. Files
+   "<path>.new-<number>-<number>" are the library's: the next save removes those that a save has left which did not live
+   to its end. Code 6 when the file can't be opened or written. */
 QTX_API int32_t QTX_VarsSaveToFile(QTX_Handle *handle, const char *path);
 /* Applies a settings file in its order. Code 1 when it named unknown variables: the others are set. */
 QTX_API int32_t QTX_VarsLoadFromFile(QTX_Handle *handle, const char *path);
 /* Puts every writable variable of module and chip back to its automatic value. */
 QTX_API int32_t QTX_VarsResetAllToDefault(QTX_Handle *handle);
-/* The settings record in the module's flash at "AddressOfVariableStorage". Code 5 when no valid record is there. */
+/* The settings record in the module's flash at "AddressOfVariableStorage", a variable of the module (0xF000 unless
+   set). Its (variables of module and chip + 3) * 8 bytes must not cross a 4 KiB block: only the block that holds the
+   address is erased. Code 5 when no valid record is there. */
 QTX_API int32_t QTX_VarsSaveToFlash(QTX_Handle *handle);
 QTX_API int32_t QTX_VarsLoadFromFlash(QTX_Handle *handle);
 /* Raw flash; addresses are bytes and multiples of 256 (else 1). Writing erases the one 4 KiB block that holds address;
@@ -180,7 +190,8 @@ QTX_API int32_t QTX_ModuleWriteFlashMemory(QTX_Handle *handle, uint32_t address,
                                            uint32_t length);
 /* The board's one-time-programmable information: at most 128 bytes read, 64 programmed (longer requests are cut). Works
    without an open radar on the first one that is found; when that one's board can't be powered up, the code is that of
-   disconnecting it, normally 0: the record tells. */
+   disconnecting it, normally 0: the record tells. Bytes whose first one is odd, a name that begins with "Q" for one,
+   are programmed like others, but take half a second and leave 641 in the record, with code 0. */
 QTX_API int32_t QTX_ModuleReadBoardInfo(QTX_Handle *handle, uint8_t *buffer, int32_t length);
 QTX_API int32_t QTX_ModuleProgramBoardInfo(QTX_Handle *handle, const uint8_t *buffer, int32_t length);
 
@@ -206,8 +217,8 @@ QTX_API int32_t QTX_InterfaceLogging(QTX_Handle *handle, int32_t mode, const cha
 QTX_API int32_t QTX_InterfaceLogComment(QTX_Handle *handle, const char *text);
 /* The calibration as 579 doubles (docs/formats.md). Code 2 when capacity is below 515; always pass room for 579. */
 QTX_API int32_t QTX_TimingMeasurementResults(QTX_Handle *handle, double *results, int32_t capacity);
-/* Keeps the calibration in flash block number block ("FlashBlockSize" bytes each). Code 5 when no valid one is there.
- */
+/* Keeps the calibration in flash block number block ("FlashBlockSize" bytes each). Codes: 1 for a block outside the
+   flash, 5 when no valid calibration is there. */
 QTX_API int32_t QTX_TimingMeasurementSaveDataToFlash(QTX_Handle *handle, uint32_t block);
 QTX_API int32_t QTX_TimingMeasurementLoadDataFromFlash(QTX_Handle *handle, uint32_t block);
 
