@@ -1,5 +1,6 @@
 #include "RadarChip.h"
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -89,6 +90,17 @@ class SimulatedChip final : public RadarChip {
     if (position_ == 1) begin(byte);
     if (position_ >= 2 && transaction_ == Transaction::writeRegister) takeData(byte, position_ - 2);
     ++position_;
+  }
+
+  // Frames are read in one go.
+  void exchange(const uint8_t *in, uint8_t *out, size_t count) override {
+    const bool reading = drivesDataLine() && position_ >= 2 && transaction_ == Transaction::readMemory;
+    if (!reading || memoryPointer_ >= memory_.size()) return SpiDevice::exchange(in, out, count);
+    const size_t start = std::min(memoryPointer_ + position_ - 2, memory_.size());
+    const size_t stored = std::min(count, memory_.size() - start);
+    std::copy_n(memory_.begin() + static_cast<std::ptrdiff_t>(start), stored, out);
+    std::fill(out + stored, out + count, uint8_t{0});
+    position_ += count;
   }
 
   void setPower(bool on) override {
@@ -187,7 +199,7 @@ class SimulatedChip final : public RadarChip {
   void act(uint8_t action) {
     switch (action) {
       case kLoadOutputBuffer:
-        memory_ = samplers_.image(registers_, now());
+        samplers_.image(registers_, now(), memory_);
         break;
       case kResetCounters:
         samplers_.clear(now());

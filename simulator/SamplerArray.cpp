@@ -25,14 +25,18 @@ void SamplerArray::reset() {
 void SamplerArray::setScene(std::shared_ptr<const Scene> scene, uint64_t now) {
   countUpTo(now);
   scene_ = std::move(scene);
+  levelsStand_ = false;
   sceneSince_ = now;
 }
 
 uint64_t SamplerArray::startSweep(const ChipClocks &clocks) {
   countUpTo(clocks.now);
   sweep_.emplace(readSweepSettings(clocks), clocks.now);
-  pulse_ = pulseSelected(clocks);
-  window_ = samplingWindow(clocks);
+  const Pulse pulse = pulseSelected(clocks);
+  const SamplingWindow window = samplingWindow(clocks);
+  levelsStand_ = levelsStand_ && pulse == pulse_ && window == window_;
+  pulse_ = pulse;
+  window_ = window;
   return sweep_->end();
 }
 
@@ -53,7 +57,8 @@ void SamplerArray::countUpTo(uint64_t now) {
   const std::vector<SweepPart> parts = sweep_->advance(now, middle);
   if (parts.empty()) return;
 
-  scene_->receive(pulse_, window_, sceneSeconds(middle), levels_);
+  if (!levelsStand_) scene_->receive(pulse_, window_, sceneSeconds(middle), levels_);
+  levelsStand_ = scene_->still();
   for (size_t k = 0; k < counters_.size(); ++k)
     for (const SweepPart &part : parts) {
       const double hits = drawHits(sweep_->settings(), part, levels_[k], scene_->noise, random_);
@@ -72,7 +77,7 @@ std::vector<double> SamplerArray::levels(const ChipClocks &clocks) const {
 }
 
 // Of every group of samplers the first; of every counter the bits from CounterLSb to CounterMSb, in whole bytes.
-std::vector<uint8_t> SamplerArray::image(const RegisterFile &registers, uint64_t now) {
+void SamplerArray::image(const RegisterFile &registers, uint64_t now, std::vector<uint8_t> &image) {
   countUpTo(now);
   const size_t group = size_t{1} << registers.field(0x21, 1, 0, now);
   const uint64_t low = registers.field(0x21, 6, 2, now);
@@ -80,13 +85,12 @@ std::vector<uint8_t> SamplerArray::image(const RegisterFile &registers, uint64_t
   const uint64_t width = high >= low ? high - low + 1 : 0;
   const uint64_t bytes = std::max<uint64_t>((width + 7) / 8, 1);
 
-  std::vector<uint8_t> image;
-  image.reserve(counters_.size() / group * bytes);
+  image.resize(counters_.size() / group * bytes);
+  uint8_t *out = image.data();
   for (size_t k = 0; k < counters_.size(); k += group) {
     const uint64_t value = uint64_t{counters_[k]} >> low & ((uint64_t{1} << width) - 1);
-    for (uint64_t byte = 0; byte < bytes; ++byte) image.push_back(static_cast<uint8_t>(value >> (8 * byte)));
+    for (uint64_t byte = 0; byte < bytes; ++byte) *out++ = static_cast<uint8_t>(value >> (8 * byte));
   }
-  return image;
 }
 
 }  // namespace pulsekit::simulator

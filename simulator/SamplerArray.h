@@ -30,7 +30,7 @@ class SamplerArray {
   std::vector<double> levels(const ChipClocks &clocks) const;
 
   // The counters as sampler memory shows them.
-  std::vector<uint8_t> image(const RegisterFile &registers, uint64_t now);
+  void image(const RegisterFile &registers, uint64_t now, std::vector<uint8_t> &image);
 
  private:
   void countUpTo(uint64_t now);
@@ -43,6 +43,7 @@ class SamplerArray {
   std::optional<Sweep> sweep_;
   Pulse pulse_{};
   SamplingWindow window_{};
+  bool levelsStand_ = false;  // nothing moves, and nothing changed since they were worked out
 
   std::vector<double> levels_;
   std::vector<uint32_t> counters_;

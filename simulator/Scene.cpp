@@ -43,6 +43,11 @@ Pulse pulseOf(unsigned pgSelect) {
   return {5.25e9 + 0.4e9 * pgSelect, std::sqrt(std::numbers::ln10) / (std::numbers::pi * bandwidth)};
 }
 
+bool Scene::still() const {
+  return std::all_of(reflectors.begin(), reflectors.end(),
+                     [](const Reflector &each) { return each.motion == Reflector::Motion::still; });
+}
+
 void Scene::receive(const Pulse &pulse, const SamplingWindow &window, double seconds,
                     std::vector<double> &levels) const {
   std::fill(levels.begin(), levels.end(), kMidScale);

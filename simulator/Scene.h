@@ -28,6 +28,7 @@ struct Pulse {
   double width;   // standard deviation of the envelope, seconds
 
   double at(double time) const;  // 1 at 0
+  bool operator==(const Pulse &) const = default;
 };
 
 Pulse pulseOf(unsigned pgSelect);
@@ -35,6 +36,8 @@ Pulse pulseOf(unsigned pgSelect);
 // Where and how closely the samplers look: sampler k at start + k * interval after the pulse.
 struct SamplingWindow {
   double start, interval;  // seconds
+
+  bool operator==(const SamplingWindow &) const = default;
 };
 
 class Scene {
@@ -42,6 +45,8 @@ class Scene {
   std::vector<Reflector> reflectors;
   double directCoupling = 0;  // amplitude at zero range, in threshold-DAC codes
   double noise = 0;           // standard deviation, in threshold-DAC codes
+
+  bool still() const;  // nothing moves
 
   // The mean level at each of the samplers, the given time after the scene was set up.
   void receive(const Pulse &pulse, const SamplingWindow &window, double seconds, std::vector<double> &levels) const;
