@@ -216,6 +216,7 @@ int32_t transferBoardInfo(QTX_Handle *handle, const BoardInfoPoints &points, Byt
 extern "C" {
 
 int32_t QTX_VarsSaveToFlash(QTX_Handle *handle) try {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE)) return code;
   const std::vector<uint8_t> record = toBytes(settingsRecord(handle));
   uint32_t address = 0;
@@ -229,6 +230,7 @@ int32_t QTX_VarsSaveToFlash(QTX_Handle *handle) try {
 }
 
 int32_t QTX_VarsLoadFromFlash(QTX_Handle *handle) try {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE)) return code;
   VariableSet *module = moduleVariables(handle);
   VariableSet *chip = chipVariables(handle);
@@ -268,6 +270,7 @@ int32_t QTX_VarsLoadFromFlash(QTX_Handle *handle) try {
 }
 
 int32_t QTX_ModuleReadFlashMemory(QTX_Handle *handle, uint32_t address, uint8_t *buffer, int32_t length) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, buffer)) return code;
   if (int32_t code = checkModule(handle, HERE, &ModuleHandle::ReadFlashMemory)) return code;
   if (int32_t code = handle->module->ReadFlashMemory(handle->module, address, buffer, length)) {
@@ -277,6 +280,7 @@ int32_t QTX_ModuleReadFlashMemory(QTX_Handle *handle, uint32_t address, uint8_t 
 }
 
 int32_t QTX_ModuleWriteFlashMemory(QTX_Handle *handle, uint32_t address, const uint8_t *buffer, uint32_t length) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, buffer)) return code;
   if (int32_t code = checkModule(handle, HERE, &ModuleHandle::WriteFlashMemory)) return code;
   if (int32_t code = handle->module->WriteFlashMemory(handle->module, address, buffer, length)) {
@@ -286,12 +290,14 @@ int32_t QTX_ModuleWriteFlashMemory(QTX_Handle *handle, uint32_t address, const u
 }
 
 int32_t QTX_ModuleReadBoardInfo(QTX_Handle *handle, uint8_t *buffer, int32_t length) {
+  const CallScope call(handle);
   return transferBoardInfo(
       handle, {HERE, HERE_AT(1443), HERE_AT(1453), HERE_AT(1467), HERE_AT(1474), HERE_AT(1483), HERE_AT(1496)}, buffer,
       length, &ModuleHandle::ReadBoardInfo);
 }
 
 int32_t QTX_ModuleProgramBoardInfo(QTX_Handle *handle, const uint8_t *buffer, int32_t length) {
+  const CallScope call(handle);
   return transferBoardInfo(
       handle, {HERE, HERE_AT(1443), HERE_AT(1453), HERE_AT(1543), HERE_AT(1550), HERE_AT(1559), HERE_AT(1573)}, buffer,
       length, &ModuleHandle::ProgramBoardInfo);

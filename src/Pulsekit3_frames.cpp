@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "Pulsekit3.h"
+#include "advice.h"
 #include "calls.h"
+#include "support/handle_state.h"
 #include "support/numbers.h"
 
 using namespace pulsekit;
@@ -187,6 +189,7 @@ void closeFrameLog(QTX_Handle *handle) {
 extern "C" {
 
 int32_t QTX_GetFrameRaw(QTX_Handle *handle, uint32_t *frame, uint64_t capacity) try {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, frame)) return code;
   if (int32_t code = checkChip(handle, HERE, &ChipOperations::CaptureFrame)) return code;
   const int32_t entries = static_cast<int32_t>(std::min<uint64_t>(capacity, std::numeric_limits<int32_t>::max()));
@@ -202,6 +205,7 @@ int32_t QTX_GetFrameRaw(QTX_Handle *handle, uint32_t *frame, uint64_t capacity) 
 }
 
 int32_t QTX_GetFrameNormalizedDouble(QTX_Handle *handle, double *frame, int64_t capacity, uint64_t option) try {
+  const CallScope call(handle);
   return takeNormalizedFrame(handle, {HERE, HERE_AT(1200), HERE_AT(1211), HERE_AT(1271), HERE_AT(1262)}, frame,
                              capacity, option, &ChipOperations::NormalizeFrameDouble);
 } catch (const std::bad_alloc &) {
@@ -209,6 +213,7 @@ int32_t QTX_GetFrameNormalizedDouble(QTX_Handle *handle, double *frame, int64_t 
 }
 
 int32_t QTX_GetFrameNormalized(QTX_Handle *handle, double *frame, int64_t capacity) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, frame)) return code;
   if (int32_t code = QTX_GetFrameNormalizedDouble(handle, frame, capacity, 0)) {
     return passThrough(handle->error, HERE, code);
@@ -217,6 +222,7 @@ int32_t QTX_GetFrameNormalized(QTX_Handle *handle, double *frame, int64_t capaci
 }
 
 int32_t QTX_GetFrameNormalizedFloat(QTX_Handle *handle, float *frame, int64_t capacity, uint64_t option) try {
+  const CallScope call(handle);
   return takeNormalizedFrame(handle, {HERE, HERE_AT(1312), HERE_AT(1323), HERE_AT(1383), HERE_AT(1374)}, frame,
                              capacity, option, &ChipOperations::NormalizeFrameFloat);
 } catch (const std::bad_alloc &) {
@@ -233,6 +239,7 @@ int32_t QTX_CalculateCDF_Size(QTX_Handle *handle, uint32_t *width, uint32_t *lin
 }
 
 int32_t QTX_GetCDF(QTX_Handle *handle, uint32_t *table, int32_t capacity) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, table)) return code;
   if (int32_t code = checkChip(handle, HERE, &ChipOperations::getCDF)) return code;
   if (int32_t code = handle->chip->operations.getCDF(handle->chip, table, capacity)) {
@@ -247,7 +254,9 @@ int32_t QTX_FrameLoggingStart(QTX_Handle *handle, const char *path, int32_t flag
   handle->frame_log = std::fopen(path, flags & kLogBinary ? "wb" : "w");
   if (!handle->frame_log) {
     handle->frame_log_flags = 0;
-    return origin(handle->error, HERE_AT(2414), kCouldNotOpenFile, "Could not open radar frame log file for write");
+    return failedWith(
+        handle,
+        origin(handle->error, HERE_AT(2414), kCouldNotOpenFile, "Could not open radar frame log file for write"), path);
   }
   // A frame is one write, and what can't be written is noticed at that frame.
   std::setvbuf(handle->frame_log, nullptr, _IONBF, 0);

@@ -1,6 +1,7 @@
 // Direct access to chip registers, pins, the SPI bus, the interface log and the timing measurement's data.
 #include "Pulsekit3.h"
 #include "calls.h"
+#include "support/handle_state.h"
 
 using namespace pulsekit;
 
@@ -18,6 +19,7 @@ int32_t QTX_RegisterRead(QTX_Handle *handle, uint8_t address, uint32_t byte_coun
 }
 
 int32_t QTX_RegisterWrite(QTX_Handle *handle, uint8_t address, int32_t byte_count, uint64_t value) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE)) return code;
   if (int32_t code = checkChip(handle, HERE, &ChipOperations::WriteRegister)) return code;
   if (int32_t code = handle->chip->operations.WriteRegister(handle, address, byte_count, value)) {
@@ -110,6 +112,7 @@ int32_t QTX_TimingMeasurementResults(QTX_Handle *handle, double *results, int32_
 }
 
 int32_t QTX_TimingMeasurementSaveDataToFlash(QTX_Handle *handle, uint32_t block) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE)) return code;
   if (int32_t code = checkChip(handle, HERE, &ChipOperations::measurementSaveDataToFlash)) return code;
   if (int32_t code = handle->chip->operations.measurementSaveDataToFlash(handle->chip, block)) {
@@ -119,6 +122,7 @@ int32_t QTX_TimingMeasurementSaveDataToFlash(QTX_Handle *handle, uint32_t block)
 }
 
 int32_t QTX_TimingMeasurementLoadDataFromFlash(QTX_Handle *handle, uint32_t block) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE)) return code;
   if (int32_t code = checkChip(handle, HERE, &ChipOperations::measurementLoadDataFromFlash)) return code;
   if (int32_t code = handle->chip->operations.measurementLoadDataFromFlash(handle->chip, block)) {

@@ -8,8 +8,10 @@
 #include <vector>
 
 #include "Pulsekit3.h"
+#include "advice.h"
 #include "calls.h"
 #include "platform/platform.h"
+#include "support/handle_state.h"
 
 using namespace pulsekit;
 
@@ -79,9 +81,14 @@ namespace pulsekit {
 
 bool interfaceIsConnected(const QTX_Handle *handle) { return interfaceHasDevice(handle->interface_handle); }
 
+void releaseStream(const QTX_Handle *handle) {
+  if (HandleState *state = stateOf(handle)) state->stream.reset();
+}
+
 void releaseLayers(QTX_Handle *handle) {
   QTX_StackTrace kept{};
   if (handle->error) kept = *handle->error;
+  releaseStream(handle);
   if (handle->chip) chipFree(&handle->chip, nullptr);
   if (handle->module) moduleFree(&handle->module, nullptr);
   if (handle->interface_handle) interfaceFreeHandle(&handle->interface_handle, nullptr);
@@ -99,6 +106,7 @@ void releaseLeftInterface(QTX_Handle *handle) {
 extern "C" {
 
 int32_t QTX_ListRadarModules(QTX_Handle *handle, char *buffer, uint32_t size) try {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, buffer)) return code;
   TextBuffer list(buffer, size);
   if (interfaceIsConnected(handle)) return origin(handle->error, HERE, kError, "A radar is open on this handle");
@@ -127,6 +135,7 @@ int32_t QTX_ListRadarModules(QTX_Handle *handle, char *buffer, uint32_t size) tr
 }
 
 int32_t QTX_OpenRadar(QTX_Handle *handle, const char *connection_string) {
+  const CallScope call(handle);
   platform::raiseTimerResolution();
   if (int32_t code = checkCall(handle, HERE, connection_string)) return code;
   releaseLayers(handle);
@@ -142,7 +151,8 @@ int32_t QTX_OpenRadar(QTX_Handle *handle, const char *connection_string) {
     return passThrough(handle->error, HERE_AT(382), recordedCode(handle, code));
   }
   if (int32_t code = interfaceConnect(bridge, info.interface_connection)) {
-    return passThrough(handle->error, HERE_AT(388), recordedCode(handle, code));
+    passThrough(handle->error, HERE_AT(388), code);
+    return failedWith(handle, recordedCode(handle, code), connection_string);
   }
   storeConnectionString(handle, connection_string);
 
@@ -172,6 +182,7 @@ int32_t QTX_OpenRadar(QTX_Handle *handle, const char *connection_string) {
 
 int32_t QTX_CloseRadar(QTX_Handle *handle) {
   if (!handle) return kError;
+  releaseStream(handle);
   if (handle->chip) {
     if (int32_t code = chipFree(&handle->chip, nullptr)) passThrough(handle->error, HERE_AT(466), code);
   }
@@ -190,6 +201,7 @@ int32_t QTX_CloseRadar(QTX_Handle *handle) {
 }
 
 int32_t QTX_PowerOnRadar(QTX_Handle *handle) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE)) return code;
   if (int32_t code = QTX_VarSetIntValue_ByName(handle, "RadarModulePower", 1)) {
     return passThrough(handle->error, HERE_AT(515), recordedCode(handle, code));
@@ -206,6 +218,7 @@ int32_t QTX_PowerOnRadar(QTX_Handle *handle) {
 }
 
 int32_t QTX_PowerOffRadar(QTX_Handle *handle) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE)) return code;
   if (int32_t code = QTX_VarSetIntValue_ByName(handle, "RadarModulePower", 0)) {
     return passThrough(handle->error, HERE_AT(502), recordedCode(handle, code));

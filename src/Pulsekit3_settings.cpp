@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Pulsekit3.h"
+#include "advice.h"
 #include "calls.h"
 #include "platform/platform.h"
 #include "support/handle_state.h"
@@ -135,7 +136,9 @@ extern "C" {
 int32_t QTX_VarsSaveToFile(QTX_Handle *handle, const char *path) try {
   if (int32_t code = checkCall(handle, HERE, path)) return code;
   platform::FileReplacement file(path);
-  if (!file) return origin(handle->error, HERE_AT(1928), kCouldNotOpenFile, "Could not open file for write");
+  if (!file)
+    return failedWith(handle, origin(handle->error, HERE_AT(1928), kCouldNotOpenFile, "Could not open file for write"),
+                      path);
 
   std::string text = headerLines(handle);
   if (handle->module) {
@@ -157,9 +160,12 @@ int32_t QTX_VarsSaveToFile(QTX_Handle *handle, const char *path) try {
 }
 
 int32_t QTX_VarsLoadFromFile(QTX_Handle *handle, const char *path) try {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, path)) return code;
   const File file(std::fopen(path, "r"));
-  if (!file) return origin(handle->error, HERE_AT(2058), kCouldNotOpenFile, "Could not open file for read");
+  if (!file)
+    return failedWith(handle, origin(handle->error, HERE_AT(2058), kCouldNotOpenFile, "Could not open file for read"),
+                      path);
 
   const Restoring restoring(handle);
   char line[kLineSize];
@@ -195,6 +201,7 @@ int32_t QTX_VarsLoadFromFile(QTX_Handle *handle, const char *path) try {
 }
 
 int32_t QTX_VarsResetAllToDefault(QTX_Handle *handle) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE)) return code;
   if (!handle->module) return origin(handle->error, HERE, kModuleNotInitialized);
   if (!handle->chip) return origin(handle->error, HERE, kChipNotInitialized);

@@ -5,7 +5,9 @@
 #include <limits>
 
 #include "Pulsekit3.h"
+#include "advice.h"
 #include "calls.h"
+#include "support/handle_state.h"
 #include "support/numbers.h"
 
 using namespace pulsekit;
@@ -69,22 +71,33 @@ int32_t getProperties(QTX_Handle *handle, TracePoint at, const char *name, uint6
   return code ? passThrough(handle->error, at, code) : kSuccess;
 }
 
+// A live read answers with a value alone: only the call knows that its wait was ended.
+int32_t readVariable(const CallScope &call, VariableSet *set, Variable *variable, uint64_t *value) {
+  return call.result(varGetValue(set, variable, value));
+}
+
 }  // namespace
 
 extern "C" {
 
 int32_t QTX_VarSetValue_ByName(QTX_Handle *handle, const char *name, uint64_t value) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name)) return code;
   Variable *variable = nullptr;
   VariableSet *set = nullptr;
   if (int32_t code = findVariable_ByName(handle, name, &variable, &set)) {
     return passThrough(handle->error, HERE_AT(786), code);
   }
-  if (int32_t code = varSetValue(set, variable, value)) return passThrough(handle->error, HERE, code);
+  if (int32_t code = varSetValue(set, variable, value)) {
+    passThrough(handle->error, HERE, code);
+    if (variable->flags & VAR_FLAG_FLOAT) return failedWith(handle, code, name, bitsToDouble(value));
+    return failedWith(handle, code, name, static_cast<int64_t>(value));
+  }
   return kSuccess;
 }
 
 int32_t QTX_VarSetFloatValue_ByName(QTX_Handle *handle, const char *name, double value) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name)) return code;
   if (int32_t code = QTX_VarSetValue_ByName(handle, name, doubleToBits(value))) {
     return passThrough(handle->error, HERE, code);
@@ -93,63 +106,75 @@ int32_t QTX_VarSetFloatValue_ByName(QTX_Handle *handle, const char *name, double
 }
 
 int32_t QTX_VarSetIntValue_ByName(QTX_Handle *handle, const char *name, int64_t value) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name)) return code;
   Variable *variable = nullptr;
   VariableSet *set = nullptr;
   if (int32_t code = findVariable_ByName(handle, name, &variable, &set)) return passThrough(handle->error, HERE, code);
   if (value == VAR_AUTO) {
-    if (int32_t code = varSetIntValue(set, variable, VAR_AUTO)) return passThrough(handle->error, HERE, code);
+    if (int32_t code = varSetIntValue(set, variable, VAR_AUTO)) {
+      return failedWith(handle, passThrough(handle->error, HERE, code), name, "auto");
+    }
     return kSuccess;
   }
   const bool enumeration = (variable->flags & VAR_FLAG_ENUM) != 0;
   const uint64_t word = enumeration ? itemSymbol(set, variable, value) : static_cast<uint64_t>(value);
-  if (int32_t code = QTX_VarSetValue_ByName(handle, name, word)) return passThrough(handle->error, HERE, code);
+  if (int32_t code = QTX_VarSetValue_ByName(handle, name, word)) {
+    return failedWith(handle, passThrough(handle->error, HERE, code), name, value);
+  }
   return kSuccess;
 }
 
 int32_t QTX_VarSetValue_ByString(QTX_Handle *handle, const char *name, const char *text) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name, text)) return code;
   Variable *variable = nullptr;
   VariableSet *set = nullptr;
   if (int32_t code = findVariable_ByName(handle, name, &variable, &set)) return passThrough(handle->error, HERE, code);
-  if (int32_t code = varSetValue_ByString(set, name, text)) return passThrough(handle->error, HERE, code);
+  if (int32_t code = varSetValue_ByString(set, name, text)) {
+    return failedWith(handle, passThrough(handle->error, HERE, code), name, text);
+  }
   return kSuccess;
 }
 
 int32_t QTX_VarSetValueAsFloat_ByName(QTX_Handle *handle, const char *name, double value) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name)) return code;
   Variable *variable = nullptr;
   VariableSet *set = nullptr;
   if (int32_t code = findVariable_ByName(handle, name, &variable, &set)) return passThrough(handle->error, HERE, code);
   if (variable->flags & VAR_FLAG_FLOAT && !(variable->flags & VAR_FLAG_INT)) {
-    return varSetValue(set, variable, doubleToBits(value));
+    return failedWith(handle, varSetValue(set, variable, doubleToBits(value)), name, value);
   }
   if (!(variable->flags & (VAR_FLAG_INT | VAR_FLAG_ENUM))) return origin(handle->error, HERE, kIllegalValue);
 
   const double rounded = std::round(value);
   const bool fits = rounded >= std::numeric_limits<int32_t>::min() && rounded <= std::numeric_limits<int32_t>::max();
-  if (!fits) return origin(handle->error, HERE, kIllegalValue);
+  if (!fits) return failedWith(handle, origin(handle->error, HERE, kIllegalValue), name, value);
   const int64_t number = static_cast<int64_t>(rounded);
   const bool integer = (variable->flags & VAR_FLAG_INT) != 0;
-  return varSetValue(set, variable, integer ? static_cast<uint64_t>(number) : itemSymbol(set, variable, number));
+  const uint64_t word = integer ? static_cast<uint64_t>(number) : itemSymbol(set, variable, number);
+  return failedWith(handle, varSetValue(set, variable, word), name, value);
 }
 
 int32_t QTX_VarGetValue_ByName(QTX_Handle *handle, const char *name, uint64_t *value) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name, value)) return code;
   Variable *variable = nullptr;
   VariableSet *set = nullptr;
   if (int32_t code = findVariable_ByName(handle, name, &variable, &set)) return passThrough(handle->error, HERE, code);
-  if (int32_t code = varGetValue(set, variable, value)) return passThrough(handle->error, HERE, code);
+  if (int32_t code = readVariable(call, set, variable, value)) return passThrough(handle->error, HERE, code);
   return kSuccess;
 }
 
 int32_t QTX_VarGetIntValue_ByName(QTX_Handle *handle, const char *name, int64_t *value) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name, value)) return code;
   Variable *variable = nullptr;
   VariableSet *set = nullptr;
   if (int32_t code = findVariable_ByName(handle, name, &variable, &set)) return passThrough(handle->error, HERE, code);
   uint64_t word = 0;
-  if (int32_t code = varGetValue(set, variable, &word)) return passThrough(handle->error, HERE, code);
+  if (int32_t code = readVariable(call, set, variable, &word)) return passThrough(handle->error, HERE, code);
   if (variable->flags & VAR_FLAG_ENUM) {
     int32_t index = -1;
     if (int32_t code = varGetEnumIndex(set, variable, static_cast<uint32_t>(word), &index)) {
@@ -162,24 +187,27 @@ int32_t QTX_VarGetIntValue_ByName(QTX_Handle *handle, const char *name, int64_t 
 }
 
 int32_t QTX_VarGetEnumValue_ByName(QTX_Handle *handle, const char *name, uint64_t *value) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name, value)) return code;
   if (int32_t code = QTX_VarGetValue_ByName(handle, name, value)) return passThrough(handle->error, HERE, code);
   return kSuccess;
 }
 
 int32_t QTX_VarGetFloatValue_ByName(QTX_Handle *handle, const char *name, uint64_t *double_bits) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name, double_bits)) return code;
   if (int32_t code = QTX_VarGetValue_ByName(handle, name, double_bits)) return passThrough(handle->error, HERE, code);
   return kSuccess;
 }
 
 int32_t QTX_VarGetValueAsFloat_ByName(QTX_Handle *handle, const char *name, double *value) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name, value)) return code;
   Variable *variable = nullptr;
   VariableSet *set = nullptr;
   if (int32_t code = findVariable_ByName(handle, name, &variable, &set)) return passThrough(handle->error, HERE, code);
   uint64_t word = 0;
-  const int32_t read_code = varGetValue(set, variable, &word);
+  const int32_t read_code = readVariable(call, set, variable, &word);
   if (read_code) passThrough(handle->error, HERE, read_code);
 
   if (variable->flags & VAR_FLAG_INT) {
@@ -235,6 +263,7 @@ int32_t QTX_VarGetSymbolString(QTX_Handle *handle, const char *name, uint32_t sy
 }
 
 int32_t QTX_ExecuteAction_ByName(QTX_Handle *handle, const char *name) {
+  const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name)) return code;
   VarAction *action = nullptr;
   VariableSet *set = nullptr;

@@ -3,7 +3,9 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
+#include <optional>
 
+#include "../support/handle_state.h"
 #include "../support/numbers.h"
 
 namespace pulsekit::chip {
@@ -98,17 +100,26 @@ int32_t checkWriteLength(QTX_Handle *access, TracePoint at, int32_t byte_count) 
   return kSuccess;
 }
 
+int32_t waitUntilIdle(QTX_Handle *access, QTX_StackTrace *record, TracePoint at, ReadRegisterFunction read,
+                      uint64_t sweeping_bit) {
+  std::optional<Deadline> deadline;
+  for (;;) {
+    uint64_t status = 0;
+    if (int32_t code = read(access, kSweepStatusRegister, 2, &status)) return passThrough(record, at, code);
+    if ((status & sweeping_bit) == 0) return kSuccess;
+    if (!deadline) deadline.emplace(access);
+    if (int32_t code = waitCheck(access, *deadline)) {
+      return origin(record, at, code, "Waiting for the end of a sweep");
+    }
+  }
+}
+
 int32_t writeWhenIdle(QTX_Handle *access, TracePoint at, ReadRegisterFunction read_while_locked, uint64_t sweeping_bit,
                       const uint8_t *frame, int32_t length) {
   InterfaceHandle *bridge = bridgeOf(access);
   InterfaceLock lock(bridge);
   if (bridge && bridge->shared_status && *bridge->shared_status) {
-    uint64_t status = 0;
-    do {
-      if (int32_t code = read_while_locked(access, kSweepStatusRegister, 2, &status)) {
-        return passThrough(access->error, at, code);
-      }
-    } while (status & sweeping_bit);
+    if (int32_t code = waitUntilIdle(access, access->error, at, read_while_locked, sweeping_bit)) return code;
   }
   return transfer(access, at, frame, length, nullptr, 0);
 }

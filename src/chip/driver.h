@@ -49,12 +49,26 @@ int32_t readRegister(QTX_Handle *access, TracePoint at, uint8_t address, uint32_
 // Code 1 for a length that no register has.
 int32_t checkWriteLength(QTX_Handle *access, TracePoint at, int32_t byte_count);
 
-// A register write: sends the frame, once the sweep has ended when a radar is open.
+// Reads the sweep status until the bit is clear. Codes: 1537, 1538, those of the read.
 using ReadRegisterFunction = int32_t (*)(QTX_Handle *, uint8_t, uint32_t, uint64_t *);
+int32_t waitUntilIdle(QTX_Handle *access, QTX_StackTrace *record, TracePoint at, ReadRegisterFunction read,
+                      uint64_t sweeping_bit);
+
+// A register write: sends the frame, once the sweep has ended when a radar is open.
 int32_t writeWhenIdle(QTX_Handle *access, TracePoint at, ReadRegisterFunction read_while_locked, uint64_t sweeping_bit,
                       const uint8_t *frame, int32_t length);
 
 int32_t strobe(QTX_Handle *access, TracePoint at, uint8_t action);
+
+// Behind a wait that was ended: `putInOrder` runs, whatever it meets stays out of the record. Returns the code.
+template <typename PutInOrder>
+int32_t afterEndedWait(QTX_StackTrace *record, int32_t code, PutInOrder putInOrder) {
+  QTX_StackTrace failure{};
+  if (record) failure = *record;
+  putInOrder();
+  if (record) *record = failure;
+  return code;
+}
 
 // The next capture starts a sweep of its own.
 int32_t forgetStartedSweep(QTX_Handle *access, TracePoint at);

@@ -28,10 +28,11 @@ struct Driver {
   int32_t (*initHandle)(InterfaceHandle **, QTX_StackTrace **, QTX_Handle *);
   int32_t (*freeHandle)(InterfaceHandle **, QTX_StackTrace **);
   const ProgramOperations *programs;
+  int32_t (*presentDevices)(QTX_StackTrace *, std::vector<PresentDevice> *);
 };
 
 constexpr Driver kDrivers[] = {
-    {"FTx232H", FTx232H_Name, FTx232H_InitHandle, FTx232H_FreeHandle, &FTx232H_Programs},
+    {"FTx232H", FTx232H_Name, FTx232H_InitHandle, FTx232H_FreeHandle, &FTx232H_Programs, FTx232H_PresentDevices},
 };
 
 // The driver whose name begins the text, as the name of a connection string does.
@@ -132,6 +133,19 @@ bool interfaceHasDevice(const InterfaceHandle *bridge) {
 
 void interfaceNoteConnection(InterfaceHandle *bridge, bool connected) {
   if (interfaceIsOurs(bridge)) bridge->connected = connected ? 1 : 0;
+}
+
+bool interfaceAnswers(InterfaceHandle *bridge) {
+  const InterfaceLock lock(bridge);
+  return interfaceHasDevice(bridge) && (!bridge->Probe || bridge->Probe(bridge) == kSuccess);
+}
+
+int32_t interfacePresentDevices(QTX_StackTrace *record, std::vector<PresentDevice> *devices) {
+  devices->clear();
+  for (const Driver &driver : kDrivers) {
+    if (int32_t code = driver.presentDevices(record, devices)) return passThrough(record, HERE, code);
+  }
+  return kSuccess;
 }
 
 extern "C" {

@@ -12,6 +12,11 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#ifdef __cplusplus
+#include <string>
+#include <vector>
+#endif
+
 #include "../support/vars.h"
 #include "Pulsekit3.h"
 
@@ -61,6 +66,8 @@ struct InterfaceHandle {
   QTX_StackTrace *error_state;
   int32_t connected;    /* 1 between interfaceConnect and interfaceDisconnect */
   const void *programs; /* what the driver offers beyond its slots (program.h), or null */
+  /* Whether the device is still there, or null; 0 or the bridge library's status. */
+  int32_t (*Probe)(struct InterfaceHandle *bridge);
 };
 
 QTX_API int32_t interfaceListSupportedInterfaces(char *out, int32_t size);
@@ -97,6 +104,16 @@ bool interfaceIsOurs(const InterfaceHandle *bridge);
 bool interfaceHasDevice(const InterfaceHandle *bridge);
 /* A driver tells when its device is connected and when no longer, whoever has called it. */
 void interfaceNoteConnection(InterfaceHandle *bridge, bool connected);
+/* Whether the connected device still answers. */
+bool interfaceAnswers(InterfaceHandle *bridge);
+
+/* A device as the lists of the drivers' libraries show it. */
+struct PresentDevice {
+  std::string serial; /* empty where the list does not tell, as for one that another program has open */
+  bool open, open_here;
+};
+/* All devices that are attached, whoever has them open; opens nothing. Codes: 259. Throws when memory is short. */
+int32_t interfacePresentDevices(QTX_StackTrace *record, std::vector<PresentDevice> *devices);
 /* The driver that a module handle runs, by which pins and channels are chosen; the module layer answers. */
 const char *moduleDriverName(const struct ModuleHandle *module);
 

@@ -1,5 +1,7 @@
 #include "handle_state.h"
 
+#include <algorithm>
+#include <chrono>
 #include <mutex>
 #include <new>
 #include <unordered_map>
@@ -74,7 +76,10 @@ bool cancelCall(const QTX_Handle *handle) try {
   Registry &all = registry();
   const std::lock_guard guard(all.mutex);
   HandleState *state = all.find(handle);
-  if (state && state->depth > 0) state->cancelled = true;
+  if (state && state->depth > 0) {
+    state->cancelled = true;
+    state->woken.notify_all();
+  }
   return state != nullptr;
 } catch (const std::bad_alloc &) {
   return false;
@@ -99,6 +104,13 @@ Deadline::Deadline(const QTX_Handle *handle)
 Deadline::Deadline(const QTX_Handle *handle, int64_t milliseconds)
     : state_(stateOf(handle)), end_(endOf(milliseconds)) {}
 
+uint32_t Deadline::cut(uint32_t milliseconds) const {
+  if (end_ == 0) return milliseconds;
+  const uint64_t now = QTX_timestamp_us();
+  const uint64_t left = end_ > now ? (end_ - now + 999) / 1000 : 0;
+  return static_cast<uint32_t>(std::min<uint64_t>(left, milliseconds));
+}
+
 int32_t waitCheck(const QTX_Handle *, Deadline &deadline) {
   HandleState *state = deadline.state_;
   if (state && state->ended != 0) return QTX_timestamp_us() < state->grace_until ? 0 : state->ended;
@@ -107,13 +119,22 @@ int32_t waitCheck(const QTX_Handle *, Deadline &deadline) {
   return state ? endWait(*state, kWaitedTooLong) : int32_t{kWaitedTooLong};
 }
 
+int32_t cancelCheck(const QTX_Handle *handle) {
+  Deadline endless(handle, -1);
+  return waitCheck(handle, endless);
+}
+
+bool endsWait(int32_t code) { return code == kCancelled || code == kWaitedTooLong; }
+
 void pauseWait(const QTX_Handle *handle, uint32_t milliseconds) {
-  const HandleState *state = stateOf(handle);
-  const uint64_t end = QTX_timestamp_us() + uint64_t{milliseconds} * 1000;
-  for (uint32_t slept = 0; slept < milliseconds && QTX_timestamp_us() < end; ++slept) {
-    if (state && state->cancelled && state->ended == 0) return;
-    QTX_sleep_ms(1);
+  HandleState *state = stateOf(handle);
+  if (!state) {
+    QTX_sleep_ms(milliseconds);
+    return;
   }
+  std::unique_lock guard(registry().mutex);
+  state->woken.wait_for(guard, std::chrono::milliseconds(milliseconds),
+                        [&] { return state->cancelled && state->ended == 0; });
 }
 
 }  // namespace pulsekit

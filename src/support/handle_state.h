@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 
@@ -20,14 +21,15 @@ class HandlePart {
 // Used by the handle's thread, except for what cancelCall guards.
 struct HandleState {
   std::unique_ptr<HandlePart> stream;  // freed when the radar is closed
-  std::unique_ptr<HandlePart> advice;
-  int32_t wait_limit_ms = 0;  // of waits that have no limit of their own; 0: none
-  bool lost = false;          // the bridge failed as one that is gone does
-  bool restoring = false;     // settings are being loaded from a file or from flash
+  std::unique_ptr<HandlePart> radars;  // that the last wait for a change of the list saw
+  std::unique_ptr<HandlePart> advice;  // what the last failure was about
+  int32_t wait_limit_ms = 0;           // of waits that have no limit of their own; 0: none
+  bool restoring = false;              // settings are being loaded from a file or from flash
 
   // ---- The call in progress ----
   int32_t depth = 0;
   std::atomic<bool> cancelled = false;
+  std::condition_variable woken;
   int32_t ended = 0;         // the code that ended a wait of this call
   uint64_t grace_until = 0;  // us: what puts things in order behind that may wait until then
 };
@@ -78,6 +80,8 @@ class Deadline {
  public:
   explicit Deadline(const QTX_Handle *handle);               // the handle's wait limit
   Deadline(const QTX_Handle *handle, int64_t milliseconds);  // -1: no limit
+  // A pause that does not outlast it.
+  uint32_t cut(uint32_t milliseconds) const;
 
  private:
   friend int32_t waitCheck(const QTX_Handle *handle, Deadline &deadline);
@@ -88,6 +92,12 @@ class Deadline {
 // To be asked at every turn of a wait: 0, 1537 once the call is cancelled, 1538 behind the deadline. A call whose wait
 // was ended has a moment left for waits that put things in order, then these end with the same code.
 int32_t waitCheck(const QTX_Handle *handle, Deadline &deadline);
+
+// 1537 once the call is cancelled: for loops whose turns may wait, but need not.
+int32_t cancelCheck(const QTX_Handle *handle);
+
+// Whether a call ends with this code because a wait was ended: the radar is there and can be put in order.
+bool endsWait(int32_t code);
 
 // Sleeps; ends within a millisecond or two when the call is cancelled.
 void pauseWait(const QTX_Handle *handle, uint32_t milliseconds);

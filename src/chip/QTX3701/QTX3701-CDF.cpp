@@ -1,6 +1,7 @@
 // The sampler CDF: how often each sampler's comparator fires at each fixed threshold.
 #include <cstdio>
 
+#include "../../support/handle_state.h"
 #include "../driver.h"
 #include "QTX3701-frames.h"
 #include "QTX3701.h"
@@ -73,23 +74,35 @@ int32_t CHIP(getCDF)(ChipHandle *chip, uint32_t *table, int32_t capacity) {
   if (int32_t code = CHIP(calculateCDF_Size)(chip, &width, &lines)) return passThrough(record, HERE, code);
   if (capacity < static_cast<int32_t>(width * lines)) return origin(record, HERE, kBufferTooSmall);
 
+  const auto putBack = [&]() -> int32_t {
+    if (int32_t code = setInteger(variables, "DACMin", dac_min_afterwards)) return code;
+    if (int32_t code = setInteger(variables, "DACMax", dac_max_afterwards)) return code;
+    return setInteger(variables, "DACOverride", override_afterwards);
+  };
+  const auto giveUp = [&](int32_t code) {
+    if (!endsWait(code)) return code;
+    return afterEndedWait(record, code, [&] {
+      CHIP(stopSweep)(chip);
+      putBack();
+    });
+  };
+
   // A sweep of no range under the override holds the DAC where the override puts it.
-  if (int32_t code = setInteger(variables, "DACMin", 0)) return passThrough(record, HERE, code);
-  if (int32_t code = setInteger(variables, "DACMax", 0)) return passThrough(record, HERE, code);
-  if (int32_t code = setInteger(variables, "DACOverride", 1)) return passThrough(record, HERE, code);
+  if (int32_t code = setInteger(variables, "DACMin", 0)) return giveUp(passThrough(record, HERE, code));
+  if (int32_t code = setInteger(variables, "DACMax", 0)) return giveUp(passThrough(record, HERE, code));
+  if (int32_t code = setInteger(variables, "DACOverride", 1)) return giveUp(passThrough(record, HERE, code));
   if (int32_t code = CHIP(setSweepPin)(chip, 0)) return passThrough(record, HERE, code);
   const uint64_t passes = setting(variables, "CDF_SpreadingFactor");
   for (uint64_t pass = 1; pass <= passes; ++pass) {
     uint32_t *line = table;
     for (uint64_t dac_value = first; dac_value <= last; dac_value += step, line += width) {
+      if (int32_t code = cancelCheck(chip->access)) return giveUp(origin(record, HERE, code));
       if (int32_t code = CHIP(getCDF_Line)(chip, static_cast<int64_t>(dac_value), line, capacity)) {
-        return passThrough(record, HERE, code);
+        return giveUp(passThrough(record, HERE, code));
       }
     }
   }
   if (int32_t code = CHIP(setSweepPin)(chip, 1)) return passThrough(record, HERE, code);
-  if (int32_t code = setInteger(variables, "DACMin", dac_min_afterwards)) return passThrough(record, HERE, code);
-  if (int32_t code = setInteger(variables, "DACMax", dac_max_afterwards)) return passThrough(record, HERE, code);
-  if (int32_t code = setInteger(variables, "DACOverride", override_afterwards)) return passThrough(record, HERE, code);
+  if (int32_t code = putBack()) return giveUp(passThrough(record, HERE, code));
   return kSuccess;
 }

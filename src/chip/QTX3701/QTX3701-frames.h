@@ -15,5 +15,8 @@ SweepExtent CHIP(sweepExtent)(VariableSet *set);
 // The sweep pin is low while the chip sweeps. Captures go on without it.
 int32_t CHIP(setSweepPin)(const ChipHandle *chip, uint32_t level);
 
+// Ends a sweep that nobody waits for any more. Failures are ignored.
+void CHIP(stopSweep)(ChipHandle *chip);
+
 // Reads the counters of one sweep from the sampler memory.
 int32_t CHIP(readCounters)(const ChipHandle *chip, SweepExtent extent, uint32_t *counters);

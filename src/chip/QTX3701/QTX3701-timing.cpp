@@ -74,11 +74,15 @@ QTX_Handle *accessOf(const VariableSet *set) { return static_cast<QTX_Handle *>(
 
 // A register that can't be read ends the wait: where the code is not looked at, it counts as idle.
 int32_t waitWhile(VariableSet *set, uint8_t address, uint32_t byte_count, uint64_t busy) {
-  uint64_t status = 0;
-  do {
+  Deadline deadline(accessOf(set));
+  for (;;) {
+    uint64_t status = 0;
     if (int32_t code = CHIP(ReadRegister)(accessOf(set), address, byte_count, &status)) return code;
-  } while ((status & busy) != 0);
-  return kSuccess;
+    if ((status & busy) == 0) return kSuccess;
+    if (int32_t code = waitCheck(accessOf(set), deadline)) {
+      return origin(set->error_state, HERE, code, "Waiting for the end of a measurement");
+    }
+  }
 }
 
 int32_t setEnables(VariableSet *set, int64_t value) {
@@ -97,9 +101,11 @@ void notePreparation(ChipHandle *chip, int32_t prepared) {
   chip->prepared_elsewhere = 0;
 }
 
-void waitForResults(VariableSet *set) {
-  waitWhile(set, kMeasureStatusRegister, 1, kMeasureBusy);
-  waitWhile(set, kFrequencyStatusRegister, 2, kFrequencyBusy);
+int32_t waitForResults(VariableSet *set) {
+  int32_t code = waitWhile(set, kMeasureStatusRegister, 1, kMeasureBusy);
+  if (!endsWait(code)) code = waitWhile(set, kFrequencyStatusRegister, 2, kFrequencyBusy);
+  if (!endsWait(code)) return kSuccess;
+  return afterEndedWait(set->error_state, code, [&] { trigger(set, "SWStopMeas"); });
 }
 
 // Counts that one second of delay gives; none, and a warning in the record, where the hardware measured nothing.
@@ -239,7 +245,10 @@ int32_t measureCoarseWithinClockPeriod(VariableSet *set) {
   const int64_t remembered = valueToRestore(set, "CoarseTuneMeasureMax");
   const int64_t enough = std::max(static_cast<int64_t>(timing_value) + 1, kLeastCoarseSettings);
   if (int32_t code = setInteger(set, "CoarseTuneMeasureMax", enough)) return code;
-  if (int32_t code = CHIP(measureAllCoarseTuneElements)(set)) return code;
+  if (int32_t code = CHIP(measureAllCoarseTuneElements)(set)) {
+    if (!endsWait(code)) return code;
+    return afterEndedWait(set->error_state, code, [&] { setInteger(set, "CoarseTuneMeasureMax", remembered); });
+  }
   return setInteger(set, "CoarseTuneMeasureMax", remembered);
 }
 
@@ -319,6 +328,7 @@ int32_t CHIP(TMeasDisable)(VariableSet *set) {
 }
 
 int32_t CHIP(TMeasStartMeasure)(VariableSet *set) {
+  if (int32_t code = cancelCheck(accessOf(set))) return origin(set->error_state, HERE, code);
   for (const LastValue &last : kLastValues) {
     if (int32_t code = setReal(set, last.variable, 0.0)) return passThrough(set->error_state, HERE, code);
   }
@@ -328,7 +338,7 @@ int32_t CHIP(TMeasStartMeasure)(VariableSet *set) {
 }
 
 int32_t CHIP(TmeasUpdateSingleResult)(VariableSet *set, uint32_t kind) {
-  waitForResults(set);
+  if (int32_t code = waitForResults(set)) return passThrough(set->error_state, HERE, code);
   uint64_t result = 0;
   if (kind < std::size(kResultRegisters)) {
     if (int32_t code = varGetValue_ByName(set, kResultRegisters[kind], &result))
@@ -344,7 +354,7 @@ int32_t CHIP(TmeasUpdateSingleResult)(VariableSet *set, uint32_t kind) {
 }
 
 int32_t CHIP(TMeasUpdateResults)(VariableSet *set) {
-  waitForResults(set);
+  if (int32_t code = waitForResults(set)) return passThrough(set->error_state, HERE, code);
   uint64_t counts[std::size(kResultRegisters)] = {};
   for (size_t kind = 0; kind < std::size(counts); ++kind) {
     if (int32_t code = varGetValue_ByName(set, kResultRegisters[kind], &counts[kind])) {
@@ -363,7 +373,7 @@ int32_t CHIP(TMeasUpdateResults)(VariableSet *set) {
 }
 
 double CHIP(measureTimingValue)(VariableSet *set) {
-  waitWhile(set, kSweepStatusRegister, 2, kTimingValueBusy);
+  if (endsWait(waitWhile(set, kSweepStatusRegister, 2, kTimingValueBusy))) return 0.0;
   int32_t code = CHIP(measureSaveAndResetDelays)(set);
   if (code == kSuccess) code = setInteger(set, "TimingMeasurementRawValue", 0);
   if (code != kSuccess) passThrough(set->error_state, HERE, code);

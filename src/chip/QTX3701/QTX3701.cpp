@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "../../support/handle_state.h"
 #include "../../support/numbers.h"
 #include "../driver.h"
 #include "QTX3701-frames.h"
@@ -67,13 +68,7 @@ int32_t CHIP(waitForSweepFinished)(ChipHandle *chip) {
   if (setting(chip->variables, "Iterations") * setting(chip->variables, "PulsesPerStep") > kQuickSweepPulses) {
     QTX_sleep_ms(1);
   }
-  uint64_t status = 0;
-  do {
-    if (int32_t code = CHIP(ReadRegister)(chip->access, kSweepStatusRegister, 2, &status)) {
-      return passThrough(chip->error_state, HERE, code);
-    }
-  } while (status & kSweeping);
-  return kSuccess;
+  return waitUntilIdle(chip->access, chip->error_state, HERE, CHIP(ReadRegister), kSweeping);
 }
 
 int32_t CHIP(MCLK_frequency)(VariableSet *set) {
@@ -173,6 +168,12 @@ int32_t normalize(const ChipHandle *chip, TracePoint at, const uint32_t *raw, Re
 
 }  // namespace
 
+void CHIP(stopSweep)(ChipHandle *chip) {
+  trigger(chip->variables, "ResetSweepController");
+  CHIP(setSweepPin)(chip, 1);
+  chip->sweep_idle = 1;
+}
+
 int32_t CHIP(CaptureFrame)(ChipHandle *chip, uint32_t *frame, int32_t capacity, uint64_t) {
   if (!chip) return kChipNotInitialized;
   QTX_StackTrace *record = chip->error_state;
@@ -183,32 +184,40 @@ int32_t CHIP(CaptureFrame)(ChipHandle *chip, uint32_t *frame, int32_t capacity, 
   const uint64_t sweeps = setting(set, "FrameStitch");
   if (capacity < static_cast<int64_t>(sweeps * extent.samplers)) return origin(record, HERE, kBufferTooSmall);
   const bool pipelining = setting(set, "PipeLining") != 0;
+  const auto giveUp = [&](int32_t code) {
+    if (!endsWait(code)) return code;
+    return afterEndedWait(record, code, [&] {
+      CHIP(stopSweep)(chip);
+      window.putBack();
+    });
+  };
 
   for (uint64_t sweep = 0; sweep < sweeps; ++sweep) {
+    if (int32_t code = cancelCheck(chip->access)) return giveUp(origin(record, HERE, code));
     CHIP(setSweepPin)(chip, 0);
     if (!pipelining) chip->sweep_idle = 1;
     if (chip->sweep_idle == 1) {
       if (sweeps > 1) {
-        if (int32_t code = window.moveTo(sweep)) return passThrough(record, HERE, code);
+        if (int32_t code = window.moveTo(sweep)) return giveUp(passThrough(record, HERE, code));
       }
       if (int32_t code = startSweep(chip)) return passThrough(record, HERE, code);
       chip->sweep_idle = 0;
     }
-    if (int32_t code = CHIP(waitForSweepFinished)(chip)) return passThrough(record, HERE, code);
+    if (int32_t code = CHIP(waitForSweepFinished)(chip)) return giveUp(passThrough(record, HERE, code));
     if (int32_t code = trigger(set, "LoadOutputBuffer")) return passThrough(record, HERE, code);
     CHIP(setSweepPin)(chip, 1);
     if (pipelining) {
       // The next sweep runs while this one is read out; after the last it is the first one of the next frame.
       const bool last = sweep + 1 == sweeps;
       const int32_t moved = sweeps < 2 ? window.putBack() : last ? window.moveToStart() : window.moveTo(sweep + 1);
-      if (moved) return passThrough(record, HERE, moved);
+      if (moved) return giveUp(passThrough(record, HERE, moved));
       if (int32_t code = startSweep(chip)) return passThrough(record, HERE, code);
     }
     if (int32_t code = CHIP(readCounters)(chip, extent, frame + sweep * extent.samplers)) {
       return passThrough(record, HERE, code);
     }
   }
-  if (int32_t code = window.putBack()) return passThrough(record, HERE, code);
+  if (int32_t code = window.putBack()) return giveUp(passThrough(record, HERE, code));
   return kSuccess;
 }
 

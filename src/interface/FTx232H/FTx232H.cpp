@@ -29,6 +29,7 @@ void fillOperations(InterfaceHandle &bridge) {
   bridge.GetIO = FTx232H_GetIO;
   bridge.InterfaceLogging = FTx232H_InterfaceLogging;
   bridge.InterfaceLogComment = FTx232H_InterfaceLogComment;
+  bridge.Probe = FTx232H_Probe;
 }
 
 // A handle that a host has given slots of its own holds nothing of this driver.

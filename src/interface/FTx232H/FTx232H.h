@@ -23,6 +23,9 @@ QTX_API int32_t FTx232H_ListDevices(InterfaceHandle *bridge, char *out, uint32_t
 }
 
 extern const pulsekit::ProgramOperations FTx232H_Programs;
+
+/* Appends what the bridge library's list shows. */
+int32_t FTx232H_PresentDevices(QTX_StackTrace *record, std::vector<PresentDevice> *devices);
 #endif
 
 #endif

@@ -153,6 +153,8 @@ void destroyConnection(InterfaceHandle *bridge);
 bool closeLeftDevices(const FTx232H_D2XX &d2xx, const char *serial = nullptr);
 int32_t FTx232H_ConnectDevice(InterfaceHandle *bridge, void **connection, const char *connection_string);
 int32_t FTx232H_DisconnectDevice(InterfaceHandle *bridge, void *connection);
+// Sends a command that does nothing: only a write finds out about every bridge that is gone. A D2XX status.
+int32_t FTx232H_Probe(InterfaceHandle *bridge);
 
 // ---- Process-wide device registry ----
 // Held around everything that depends on the process's one list of devices, and around the registry.

@@ -26,6 +26,7 @@ constexpr uint8_t kLatencyMs = 2;
 constexpr uint8_t kBitModeReset = 0;
 constexpr uint8_t kBitModeMpsse = 2;
 constexpr uint32_t kSettleMs = 20;
+constexpr uint8_t kSendNothing = kSendImmediate;
 
 constexpr char kSerialMessage[] = "FTx232H - Check if serial number is correct";
 
@@ -232,6 +233,15 @@ int32_t FTx232H_ConnectDevice(InterfaceHandle *bridge, void **connection_slot, c
   if (int32_t code = varsInit(bridge->variables)) return passThrough(record, HERE, code);
   interfaceNoteConnection(bridge, true);
   return kSuccess;
+}
+
+int32_t FTx232H_Probe(InterfaceHandle *bridge) {
+  FTx232H_Connection *connection = connectionOf(bridge);
+  if (!connection) return FT_INVALID_HANDLE;
+  uint32_t count = 0;
+  FT_STATUS status = connection->d2xx.GetQueueStatus(connection->device_handle, &count);
+  if (status == FT_OK) status = connection->d2xx.Write(connection->device_handle, &kSendNothing, 1, &count);
+  return static_cast<int32_t>(status);
 }
 
 int32_t FTx232H_DisconnectDevice(InterfaceHandle *bridge, void *connection_block) {

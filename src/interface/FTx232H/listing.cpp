@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -85,6 +86,26 @@ int32_t FTx232H_DeleteDeviceInfoEntry(FT_HANDLE handle) {
     return kSuccess;
   }
   return kError;
+}
+
+int32_t FTx232H_PresentDevices(QTX_StackTrace *record, std::vector<PresentDevice> *devices) {
+  // For what a host that uses the bridge library itself lists between the two calls.
+  constexpr size_t kSpareNodes = 32;
+  const FTx232H_D2XX d2xx = d2xx::current();
+  const std::lock_guard guard(deviceListMutex());
+  uint32_t count = 0;
+  FT_STATUS status = d2xx.CreateDeviceInfoList(&count);
+  std::vector<FT_Node> nodes(status == FT_OK ? count + kSpareNodes : 0);
+  if (status == FT_OK) status = d2xx.GetDeviceInfoList(nodes.data(), &count);
+  if (status != FT_OK) {
+    return origin(record, HERE, kInterfaceList, "FTx232H - Could not create list of connected FT-devices");
+  }
+  nodes.resize(std::min<size_t>(nodes.size(), count));
+  for (const FT_Node &node : nodes) {
+    const std::string serial(node.SerialNumber, strnlen(node.SerialNumber, sizeof node.SerialNumber));
+    devices->push_back({serial, (node.Flags & FT_FLAGS_OPENED) != 0, node.Handle != nullptr});
+  }
+  return kSuccess;
 }
 
 extern "C" int32_t FTx232H_ListDevices(InterfaceHandle *bridge, char *out, uint32_t size) {

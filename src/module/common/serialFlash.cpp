@@ -6,6 +6,7 @@
 #include <new>
 #include <span>
 
+#include "../../support/handle_state.h"
 #include "../../support/trace.h"
 
 namespace {
@@ -69,6 +70,8 @@ class Flash {
     if (record()) *record() = failure;
   }
 
+  int32_t cancelCheck() const { return bridge_ ? pulsekit::cancelCheck(bridge_->owner) : int32_t{kSuccess}; }
+
   int32_t readStatus(uint8_t *status) const {
     const uint8_t command[] = {kReadStatus};
     return transfer(command, status, 1);
@@ -102,16 +105,25 @@ int32_t write(const Flash &flash, std::span<const uint8_t> command, const WriteC
   uint8_t status = 0;
   const uint8_t &busy = cycle.busy_instead_of ? *cycle.busy_instead_of : status;
   int32_t polls = cycle.polls;
+  int32_t ended = kSuccess;
   do {
     --polls;
     QTX_sleep_ms(1);
     if (int32_t code = flash.readStatus(&status)) return code;
-  } while (polls > 0 && (busy & kBusy) != 0);
+    if ((busy & kBusy) == 0) break;
+    // The flash goes on with a cycle that nobody waits for, so a cancel waits for its end as long as it may.
+    if (int32_t code = flash.cancelCheck()) {
+      if (ended != kSuccess) break;
+      ended = code;
+    }
+  } while (polls > 0);
 
   if (int32_t code = flash.readStatus(&status)) return code;
   // Only the record tells of a failed cycle: what counts for the caller is that the flash is locked again.
   if (polls == 0 || (status & kWriteFailed) != 0) flash.fail(cycle.failure);
-  return flash.send(kWriteDisable, cycle.disable_answer);
+  if (int32_t code = flash.send(kWriteDisable, cycle.disable_answer)) return code;
+  if (ended == kSuccess) return kSuccess;
+  return flash.fail(ended, (status & kBusy) != 0 ? "The flash is still busy" : "");
 }
 
 void putHeader(uint8_t *header, Opcode opcode, uint32_t address) {
@@ -123,6 +135,13 @@ void putHeader(uint8_t *header, Opcode opcode, uint32_t address) {
 
 bool insideFlash(uint32_t address, uint32_t length) {
   return address < kAddressSpace && length <= kAddressSpace - address;
+}
+
+int32_t eraseBlock(const Flash &flash, uint32_t address) {
+  if (!insideFlash(address, 1)) return flash.fail(kError, kOutsideFlash);
+  uint8_t command[kHeaderSize];
+  putHeader(command, kEraseBlock, address);
+  return write(flash, command, kEraseCycle);
 }
 
 std::unique_ptr<uint8_t[]> allocate(uint32_t size) {
@@ -145,14 +164,7 @@ int32_t sflashEraseChip(InterfaceHandle *bridge, uint32_t channel) {
 }
 
 void sFlashErase4kBlock(InterfaceHandle *bridge, uint32_t channel, uint32_t address) {
-  const Flash flash(bridge, channel, HERE);
-  if (!insideFlash(address, 1)) {
-    flash.fail(kError, kOutsideFlash);
-    return;
-  }
-  uint8_t command[kHeaderSize];
-  putHeader(command, kEraseBlock, address);
-  write(flash, command, kEraseCycle);
+  eraseBlock(Flash(bridge, channel, HERE), address);
 }
 
 int32_t sflashWritePage(InterfaceHandle *bridge, uint32_t channel, uint32_t address, const uint8_t *data,
@@ -186,8 +198,12 @@ int32_t sflashWriteMemory(InterfaceHandle *bridge, uint32_t channel, uint32_t ad
   if (!insideFlash(address, length)) return flash.fail(kError, kOutsideFlash);
   if (!data && length > 0) return flash.fail(kError);
 
-  sFlashErase4kBlock(bridge, channel, address);
+  // Nothing tells of an erase that failed but the pages that can't be programmed.
+  constexpr TracePoint kErasing{"sFlashErase4kBlock", kSource, __LINE__};
+  const int32_t erased = eraseBlock(Flash(bridge, channel, kErasing), address);
+  if (endsWait(erased)) return flash.pass(erased);
   for (uint32_t offset = 0; offset < length; offset += kPageSize) {
+    if (int32_t code = flash.cancelCheck()) return flash.fail(code, "Only a part has been written");
     const uint32_t count = std::min(length - offset, kPageSize);
     if (int32_t code = sflashWritePage(bridge, channel, address + offset, data + offset, count))
       return flash.pass(code);
