@@ -55,7 +55,7 @@ endif()
 if(UNIX AND NOT APPLE)
   install(FILES ${PROJECT_SOURCE_DIR}/packaging/60-pulsekit3.rules DESTINATION lib/udev/rules.d)
 endif()
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ ${PROJECT_BINARY_DIR}/docs/ DESTINATION ${documents}
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ ${PROJECT_BINARY_DIR}/docs/ DESTINATION ${documents}/docs
         FILES_MATCHING PATTERN *.md PATTERN *.svg)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${documents})
 install(FILES ${PROJECT_SOURCE_DIR}/examples/room.toml DESTINATION ${documents}/examples)

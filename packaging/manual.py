@@ -54,7 +54,7 @@ pulsekit set FrameStitch=3 Iterations=20
 pulsekit capture -n 10 --rate 10 room.csv
 .fi
 .SH SEE ALSO
-/usr/share/doc/pulsekit3/getting-started.md, /usr/share/doc/pulsekit3/troubleshooting.md
+/usr/share/doc/pulsekit3/docs/getting-started.md, /usr/share/doc/pulsekit3/docs/troubleshooting.md
 """
 
 ENTRY = re.compile(r"  (\S.*?)(?:\s{2,}(.*))?$")
