@@ -7,7 +7,24 @@
 
 namespace pulsekit::platform {
 
-SharedLibrary::SharedLibrary(const char *file_name) : module_(dlopen(file_name, RTLD_NOW | RTLD_LOCAL)) {
+namespace {
+
+// A library calls its own functions even where the program has others of the same names, as one does that is linked
+// with the simulator. Sanitizers end the program at such a request.
+int bindingFlags() {
+#ifdef RTLD_DEEPBIND
+  const bool sanitized =
+      dlsym(RTLD_DEFAULT, "__asan_init") || dlsym(RTLD_DEFAULT, "__tsan_init") || dlsym(RTLD_DEFAULT, "__msan_init");
+  return sanitized ? 0 : RTLD_DEEPBIND;
+#else
+  return 0;
+#endif
+}
+
+}  // namespace
+
+SharedLibrary::SharedLibrary(const char *file_name)
+    : module_(dlopen(file_name, RTLD_NOW | RTLD_LOCAL | bindingFlags())) {
   if (module_) return;
   const char *reason = dlerror();
   if (!reason) return;
