@@ -54,6 +54,7 @@ pulsekit set FrameStitch=3 Iterations=20
 pulsekit capture -n 10 --rate 10 room.csv
 .fi
 .SH SEE ALSO
+.ad l
 /usr/share/doc/pulsekit3/docs/getting-started.md, /usr/share/doc/pulsekit3/docs/troubleshooting.md
 """
 
@@ -76,7 +77,7 @@ def entries(lines, *sections):
         if line.endswith(":") and not line.startswith(" "):
             inside = line[:-1] in sections
         elif inside and (entry := ENTRY.match(line)) and not line.startswith("   "):
-            found.append([entry[1], entry[2] or ""])
+            found.append([re.sub(r"\b(TEXT|REQUIRED) ?", "", entry[1]).strip(), entry[2] or ""])
         elif inside and line.strip() and found:
             found[-1][1] = (found[-1][1] + " " + line.strip()).strip()
     return found
