@@ -8,6 +8,7 @@
 #include "Pulsekit3.h"
 #include "Pulsekit3_radars.h"
 #include "calls.h"
+#include "stream.h"
 #include "support/handle_state.h"
 #include "support/numbers.h"
 
@@ -232,6 +233,7 @@ int32_t QTX_VarsSaveToFlash(QTX_Handle *handle) try {
 int32_t QTX_VarsLoadFromFlash(QTX_Handle *handle) try {
   const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE)) return code;
+  const SettingsChange change(handle);
   VariableSet *module = moduleVariables(handle);
   VariableSet *chip = chipVariables(handle);
   uint32_t address = 0;

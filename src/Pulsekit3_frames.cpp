@@ -1,4 +1,6 @@
 // Frames, the frame log and the CDF.
+#include "Pulsekit3_frames.h"
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -144,6 +146,7 @@ int32_t takeNormalizedFrame(QTX_Handle *handle, const NormalizedPoints &points, 
   if (int32_t code = checkCall(handle, points.call, frame)) return code;
   if (int32_t code = checkChip(handle, points.call, &ChipOperations::CaptureFrame)) return code;
   if (int32_t code = checkChip(handle, points.call, normalize)) return code;
+  if (int32_t code = checkNoStream(handle, points.call)) return code;
   ChipHandle *chip = handle->chip;
   const int32_t entries = static_cast<int32_t>(std::clamp<int64_t>(capacity, 0, kLongestFrame));
   std::vector<uint32_t> raw(static_cast<size_t>(std::max(entries, 1)));
@@ -186,12 +189,30 @@ void closeFrameLog(QTX_Handle *handle) {
 
 }  // namespace
 
+namespace pulsekit {
+
+int32_t logStreamedFrame(QTX_Handle *handle, TracePoint, const uint32_t *frame, size_t length) {
+  logRawFrame(handle, frame, length);
+  return kSuccess;
+}
+
+int32_t logStreamedFrame(QTX_Handle *handle, TracePoint at, const float *frame, size_t length) {
+  return logNormalizedFrame(handle, {at, at, at, at, at}, frame, length);
+}
+
+int32_t logStreamedFrame(QTX_Handle *handle, TracePoint at, const double *frame, size_t length) {
+  return logNormalizedFrame(handle, {at, at, at, at, at}, frame, length);
+}
+
+}  // namespace pulsekit
+
 extern "C" {
 
 int32_t QTX_GetFrameRaw(QTX_Handle *handle, uint32_t *frame, uint64_t capacity) try {
   const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, frame)) return code;
   if (int32_t code = checkChip(handle, HERE, &ChipOperations::CaptureFrame)) return code;
+  if (int32_t code = checkNoStream(handle, HERE)) return code;
   const int32_t entries = static_cast<int32_t>(std::min<uint64_t>(capacity, std::numeric_limits<int32_t>::max()));
   if (int32_t code = handle->chip->operations.CaptureFrame(handle->chip, frame, entries, 0)) {
     return passThrough(handle->error, HERE_AT(1130), code);
@@ -242,6 +263,7 @@ int32_t QTX_GetCDF(QTX_Handle *handle, uint32_t *table, int32_t capacity) {
   const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, table)) return code;
   if (int32_t code = checkChip(handle, HERE, &ChipOperations::getCDF)) return code;
+  if (int32_t code = checkNoStream(handle, HERE)) return code;
   if (int32_t code = handle->chip->operations.getCDF(handle->chip, table, capacity)) {
     return passThrough(handle->error, HERE_AT(1419), code);
   }

@@ -11,6 +11,7 @@
 #include "advice.h"
 #include "calls.h"
 #include "platform/platform.h"
+#include "stream.h"
 #include "support/handle_state.h"
 
 using namespace pulsekit;
@@ -81,14 +82,10 @@ namespace pulsekit {
 
 bool interfaceIsConnected(const QTX_Handle *handle) { return interfaceHasDevice(handle->interface_handle); }
 
-void releaseStream(const QTX_Handle *handle) {
-  if (HandleState *state = stateOf(handle)) state->stream.reset();
-}
-
 void releaseLayers(QTX_Handle *handle) {
+  endStream(handle);
   QTX_StackTrace kept{};
   if (handle->error) kept = *handle->error;
-  releaseStream(handle);
   if (handle->chip) chipFree(&handle->chip, nullptr);
   if (handle->module) moduleFree(&handle->module, nullptr);
   if (handle->interface_handle) interfaceFreeHandle(&handle->interface_handle, nullptr);
@@ -182,7 +179,7 @@ int32_t QTX_OpenRadar(QTX_Handle *handle, const char *connection_string) {
 
 int32_t QTX_CloseRadar(QTX_Handle *handle) {
   if (!handle) return kError;
-  releaseStream(handle);
+  endStream(handle);
   if (handle->chip) {
     if (int32_t code = chipFree(&handle->chip, nullptr)) passThrough(handle->error, HERE_AT(466), code);
   }
@@ -203,6 +200,7 @@ int32_t QTX_CloseRadar(QTX_Handle *handle) {
 int32_t QTX_PowerOnRadar(QTX_Handle *handle) {
   const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE)) return code;
+  const SettingsChange change(handle);
   if (int32_t code = QTX_VarSetIntValue_ByName(handle, "RadarModulePower", 1)) {
     return passThrough(handle->error, HERE_AT(515), recordedCode(handle, code));
   }
@@ -220,6 +218,7 @@ int32_t QTX_PowerOnRadar(QTX_Handle *handle) {
 int32_t QTX_PowerOffRadar(QTX_Handle *handle) {
   const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE)) return code;
+  const SettingsChange change(handle);
   if (int32_t code = QTX_VarSetIntValue_ByName(handle, "RadarModulePower", 0)) {
     return passThrough(handle->error, HERE_AT(502), recordedCode(handle, code));
   }

@@ -8,9 +8,6 @@ namespace pulsekit {
 // Whether the handle's bridge is connected, be it by an open radar or half-way.
 bool interfaceIsConnected(const QTX_Handle *handle);
 
-// Ends the handle's stream, if there is one, while the radar is still open.
-void releaseStream(const QTX_Handle *handle);
-
 // Frees chip, module and interface, which closes the device, and keeps the record as it is.
 void releaseLayers(QTX_Handle *handle);
 

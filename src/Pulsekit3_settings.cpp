@@ -11,6 +11,7 @@
 #include "advice.h"
 #include "calls.h"
 #include "platform/platform.h"
+#include "stream.h"
 #include "support/handle_state.h"
 #include "support/numbers.h"
 
@@ -162,6 +163,7 @@ int32_t QTX_VarsSaveToFile(QTX_Handle *handle, const char *path) try {
 int32_t QTX_VarsLoadFromFile(QTX_Handle *handle, const char *path) try {
   const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, path)) return code;
+  const SettingsChange change(handle);
   const File file(std::fopen(path, "r"));
   if (!file)
     return failedWith(handle, origin(handle->error, HERE_AT(2058), kCouldNotOpenFile, "Could not open file for read"),
@@ -203,6 +205,7 @@ int32_t QTX_VarsLoadFromFile(QTX_Handle *handle, const char *path) try {
 int32_t QTX_VarsResetAllToDefault(QTX_Handle *handle) {
   const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE)) return code;
+  const SettingsChange change(handle);
   if (!handle->module) return origin(handle->error, HERE, kModuleNotInitialized);
   if (!handle->chip) return origin(handle->error, HERE, kChipNotInitialized);
   VariableSet *module = handle->module->variables;

@@ -3,10 +3,12 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <string_view>
 
 #include "Pulsekit3.h"
 #include "advice.h"
 #include "calls.h"
+#include "stream.h"
 #include "support/handle_state.h"
 #include "support/numbers.h"
 
@@ -76,6 +78,12 @@ int32_t readVariable(const CallScope &call, VariableSet *set, Variable *variable
   return call.result(varGetValue(set, variable, value));
 }
 
+// Actions that need the chip for themselves.
+bool measures(const char *action) {
+  const std::string_view name = action;
+  return name.starts_with("Measure") || name.starts_with("TMeas") || name == "StartMeas";
+}
+
 }  // namespace
 
 extern "C" {
@@ -83,6 +91,7 @@ extern "C" {
 int32_t QTX_VarSetValue_ByName(QTX_Handle *handle, const char *name, uint64_t value) {
   const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name)) return code;
+  const SettingsChange change(handle);
   Variable *variable = nullptr;
   VariableSet *set = nullptr;
   if (int32_t code = findVariable_ByName(handle, name, &variable, &set)) {
@@ -108,6 +117,7 @@ int32_t QTX_VarSetFloatValue_ByName(QTX_Handle *handle, const char *name, double
 int32_t QTX_VarSetIntValue_ByName(QTX_Handle *handle, const char *name, int64_t value) {
   const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name)) return code;
+  const SettingsChange change(handle);
   Variable *variable = nullptr;
   VariableSet *set = nullptr;
   if (int32_t code = findVariable_ByName(handle, name, &variable, &set)) return passThrough(handle->error, HERE, code);
@@ -128,6 +138,7 @@ int32_t QTX_VarSetIntValue_ByName(QTX_Handle *handle, const char *name, int64_t 
 int32_t QTX_VarSetValue_ByString(QTX_Handle *handle, const char *name, const char *text) {
   const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name, text)) return code;
+  const SettingsChange change(handle);
   Variable *variable = nullptr;
   VariableSet *set = nullptr;
   if (int32_t code = findVariable_ByName(handle, name, &variable, &set)) return passThrough(handle->error, HERE, code);
@@ -140,6 +151,7 @@ int32_t QTX_VarSetValue_ByString(QTX_Handle *handle, const char *name, const cha
 int32_t QTX_VarSetValueAsFloat_ByName(QTX_Handle *handle, const char *name, double value) {
   const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, name)) return code;
+  const SettingsChange change(handle);
   Variable *variable = nullptr;
   VariableSet *set = nullptr;
   if (int32_t code = findVariable_ByName(handle, name, &variable, &set)) return passThrough(handle->error, HERE, code);
@@ -268,6 +280,11 @@ int32_t QTX_ExecuteAction_ByName(QTX_Handle *handle, const char *name) {
   VarAction *action = nullptr;
   VariableSet *set = nullptr;
   if (int32_t code = findAction_ByName(handle, name, &action, &set)) return passThrough(handle->error, HERE, code);
+  const SettingsChange change(handle);
+  if (Stream *stream = streamOf(handle)) {
+    if (measures(name)) return origin(handle->error, HERE, kStreamRunning);
+    stream->distrust();
+  }
   if (int32_t code = varActionTrigger(set, action)) return passThrough(handle->error, HERE, code);
   return kSuccess;
 }

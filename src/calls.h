@@ -9,6 +9,7 @@
 #include "module/module.h"
 #include "support/Pulsekit3_helpers.h"
 #include "support/QTX_Handle.h"
+#include "support/handle_state.h"
 #include "support/trace.h"
 #include "support/vars.h"
 
@@ -43,6 +44,12 @@ template <typename Operation>
 int32_t checkInterface(const QTX_Handle *handle, TracePoint at, Operation InterfaceHandle::*operation) {
   if (handle->interface_handle && handle->interface_handle->*operation) return kSuccess;
   return origin(handle->error, at, kInterfaceNotInitialized);
+}
+
+// 1540 while a stream runs.
+inline int32_t checkNoStream(const QTX_Handle *handle, TracePoint at) {
+  const HandleState *state = stateOf(handle);
+  return state && state->stream ? origin(handle->error, at, kStreamRunning) : int32_t{kSuccess};
 }
 
 // The code that the handle's record holds after a failure with this code.

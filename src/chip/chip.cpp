@@ -5,6 +5,7 @@
 
 #include "../support/list.h"
 #include "../support/trace.h"
+#include "sweeps.h"
 
 using namespace pulsekit;
 
@@ -21,6 +22,8 @@ DECLARE_DRIVER(QTX3702);
 #undef DECLARE_DRIVER
 void QTX3701_forgetPreparation(ChipHandle *);
 void QTX3702_forgetPreparation(ChipHandle *);
+const chip::SweepDriver &QTX3701_Sweeps();
+const chip::SweepDriver &QTX3702_Sweeps();
 
 namespace {
 
@@ -31,13 +34,14 @@ struct Model {
   int32_t (*create)(ChipHandle **, QTX_StackTrace **, QTX_Handle *);
   int32_t (*release)(ChipHandle **, QTX_StackTrace **);
   void (*settings_reset)(ChipHandle *);  // null: nothing follows from settings
+  const chip::SweepDriver &(*sweeps)();  // null: not in bus programs
 };
 
 constexpr Model kModels[] = {
-    {"QTX3400", 0x305, QTX3400_Name, QTX3400_InitHandle, QTX3400_FreeHandle, nullptr},
-    {"QTX3500", 0x306, QTX3500_Name, QTX3500_InitHandle, QTX3500_FreeHandle, nullptr},
-    {"QTX3701", 0x309, QTX3701_Name, QTX3701_InitHandle, QTX3701_FreeHandle, QTX3701_forgetPreparation},
-    {"QTX3702", 0x308, QTX3702_Name, QTX3702_InitHandle, QTX3702_FreeHandle, QTX3702_forgetPreparation},
+    {"QTX3400", 0x305, QTX3400_Name, QTX3400_InitHandle, QTX3400_FreeHandle, nullptr, nullptr},
+    {"QTX3500", 0x306, QTX3500_Name, QTX3500_InitHandle, QTX3500_FreeHandle, nullptr, nullptr},
+    {"QTX3701", 0x309, QTX3701_Name, QTX3701_InitHandle, QTX3701_FreeHandle, QTX3701_forgetPreparation, QTX3701_Sweeps},
+    {"QTX3702", 0x308, QTX3702_Name, QTX3702_InitHandle, QTX3702_FreeHandle, QTX3702_forgetPreparation, QTX3702_Sweeps},
 };
 
 const Model *modelNamed(const char *name) {
@@ -90,6 +94,11 @@ void fillEmptySlots(ChipOperations &operations) {
 void chipSettingsReset(ChipHandle *chip) {
   const Model *model = modelNamed(chip->name);
   if (model && model->settings_reset) model->settings_reset(chip);
+}
+
+const chip::SweepDriver *chip::sweepDriverOf(const ChipHandle *chip) {
+  const Model *model = chip ? modelNamed(chip->name) : nullptr;
+  return model && model->sweeps ? &model->sweeps() : nullptr;
 }
 
 extern "C" {

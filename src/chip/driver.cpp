@@ -7,12 +7,11 @@
 
 #include "../support/handle_state.h"
 #include "../support/numbers.h"
+#include "sweeps.h"
 
 namespace pulsekit::chip {
 
 namespace {
-
-constexpr uint32_t kChannel = 0;
 
 struct Freer {
   const Driver *driver;
@@ -71,7 +70,7 @@ int32_t transfer(QTX_Handle *access, TracePoint at, const uint8_t *out, int32_t 
   if (!access) return kRadarNotInitialized;
   InterfaceHandle *bridge = bridgeOf(access);
   if (!bridge || !bridge->SendReceiveSPI) return origin(access->error, at, kInterfaceNotInitialized);
-  if (int32_t code = bridge->SendReceiveSPI(bridge, kChannel, out, out_count, in, in_count, mode)) {
+  if (int32_t code = bridge->SendReceiveSPI(bridge, kChipChannel, out, out_count, in, in_count, mode)) {
     return passThrough(access->error, at, code);
   }
   return kSuccess;
@@ -121,6 +120,7 @@ int32_t writeWhenIdle(QTX_Handle *access, TracePoint at, ReadRegisterFunction re
   if (bridge && bridge->shared_status && *bridge->shared_status) {
     if (int32_t code = waitUntilIdle(access, access->error, at, read_while_locked, sweeping_bit)) return code;
   }
+  CommandLog::note(frame, static_cast<size_t>(length));
   return transfer(access, at, frame, length, nullptr, 0);
 }
 
@@ -128,6 +128,7 @@ int32_t strobe(QTX_Handle *access, TracePoint at, uint8_t action) {
   if (!access) return kRadarNotInitialized;
   if (action >= kWrite) return origin(access->error, at, kError, "This action never reaches the chip");
   const uint8_t frame[] = {static_cast<uint8_t>(action | kWrite), 0};
+  CommandLog::note(frame, sizeof frame);
   InterfaceLock lock(bridgeOf(access));
   return transfer(access, at, frame, sizeof frame, nullptr, 0);
 }

@@ -12,7 +12,8 @@
 namespace pulsekit::chip {
 
 constexpr int32_t kMaxRegisterBytes = 8;
-constexpr uint8_t kWrite = 0x80;  // in the first byte of a command; actions are writes of no data
+constexpr uint32_t kChipChannel = 0;  // of the SPI bus
+constexpr uint8_t kWrite = 0x80;      // in the first byte of a command; actions are writes of no data
 constexpr uint8_t kChipIdRegister = 0x02;
 constexpr uint8_t kSweepStatusRegister = 0x47;  // 2 bytes
 
@@ -76,6 +77,7 @@ int32_t forgetStartedSweep(QTX_Handle *access, TracePoint at);
 // ---- Variables by name ----
 uint64_t setting(VariableSet *set, const char *name);  // as stored; 0 for an unknown one
 double realSetting(VariableSet *set, const char *name);
+inline int64_t integerSetting(VariableSet *set, const char *name) { return static_cast<int64_t>(setting(set, name)); }
 int32_t setInteger(VariableSet *set, const char *name, int64_t value);
 int32_t setReal(VariableSet *set, const char *name, double value);
 int32_t trigger(VariableSet *set, const char *action);

@@ -15,14 +15,7 @@ static constexpr const char kSource[] = "src/chip/" CHIP_NAME "/" CHIP_NAME;
 
 namespace {
 
-constexpr uint64_t kSweeping = 0x1;          // in the sweep status
-constexpr uint8_t kSamplerMemory = 0x20;     // address
-constexpr uint8_t kMemoryAccess = 0x7f;      // length byte that makes a read one of memory
-constexpr size_t kSamplerMemorySize = 2048;  // bytes
-constexpr uint32_t kSweepPin = 500;
-constexpr uint32_t kSweepStartPin = 7;
 constexpr uint64_t kQuickSweepPulses = 100;  // a step; longer sweeps are slept through before they are polled
-constexpr uint64_t kDacCodes = 8192;
 
 }  // namespace
 
@@ -93,49 +86,24 @@ int32_t CHIP(setSweepPin)(const ChipHandle *chip, uint32_t level) {
   return bridge && bridge->SetIO ? bridge->SetIO(bridge, kSweepPin, level) : int32_t{kSuccess};
 }
 
+FrameScale CHIP(frameScale)(VariableSet *set) {
+  FrameScale scale;
+  scale.step = setting(set, "DACStepFine");
+  scale.pulses = setting(set, "Iterations") * setting(set, "PulsesPerStep");
+  if (scale.step != 0) scale.offset = setting(set, "DACMin") * scale.pulses / scale.step;
+  return scale;
+}
+
 int32_t CHIP(readCounters)(const ChipHandle *chip, SweepExtent extent, uint32_t *counters) {
   uint8_t image[kSamplerMemorySize];
   const uint32_t size = extent.samplers * extent.bytes_per_counter;
   if (size > sizeof image) return origin(chip->error_state, HERE, kBufferTooSmall);
   if (int32_t code = chip->operations.ReadMemory(chip->access, kSamplerMemory, size, image)) return code;
-  const uint8_t *end_of_counter = image;
-  for (uint32_t k = 0; k < extent.samplers; ++k) {
-    end_of_counter += extent.bytes_per_counter;
-    uint32_t counter = 0;
-    for (uint32_t i = 1; i <= extent.bytes_per_counter; ++i)
-      counter = counter << 8 | end_of_counter[-static_cast<int32_t>(i)];
-    counters[k] = counter;
-  }
+  decodeCounters(extent, image, counters);
   return kSuccess;
 }
 
 namespace {
-
-// The delay of the sampling window, which is moved from sweep to sweep of a stitched frame.
-class Window {
- public:
-  explicit Window(VariableSet *set)
-      : set_(set),
-        delay_(varNamed(set, "SampleDelay")),
-        original_(setting(set, "SampleDelay")),
-        automatic_(delay_ && (delay_->flags & VAR_FLAG_AUTO)),
-        step_(realSetting(set, "FrameSize")) {}
-
-  int32_t moveTo(uint64_t sweep) const {
-    return varSetFloatValue(set_, delay_, static_cast<double>(sweep) * step_ + bitsToDouble(original_));
-  }
-  int32_t moveToStart() const { return varSetFloatValue(set_, delay_, bitsToDouble(original_)); }
-  int32_t putBack() const {
-    return automatic_ ? varSetIntValue(set_, delay_, VAR_AUTO) : varSetValue(set_, delay_, original_);
-  }
-
- private:
-  VariableSet *set_;
-  Variable *delay_;
-  uint64_t original_;
-  bool automatic_;
-  double step_;
-};
 
 void toggleSweepStartPin(const ChipHandle *chip) {
   InterfaceHandle *bridge = bridgeOf(chip->access);
@@ -155,14 +123,9 @@ int32_t startSweep(const ChipHandle *chip) {
 template <typename Real>
 int32_t normalize(const ChipHandle *chip, TracePoint at, const uint32_t *raw, Real *normalized, int32_t count) {
   if (count > 0 && (!raw || !normalized)) return origin(chip->error_state, at, kError);
-  const uint64_t step = setting(chip->variables, "DACStepFine");
-  if (step == 0) return origin(chip->error_state, at, kIllegalValue, "DACStepFine is 0");
-  const uint64_t pulses = setting(chip->variables, "Iterations") * setting(chip->variables, "PulsesPerStep");
-  const uint64_t offset = setting(chip->variables, "DACMin") * pulses / step;
-  const Real full_scale = static_cast<Real>(pulses * kDacCodes) / static_cast<Real>(step);
-  for (int32_t i = 0; i < count; ++i) {
-    normalized[i] = static_cast<Real>(raw[i] + offset) * Real{100} / full_scale;
-  }
+  const FrameScale scale = CHIP(frameScale)(chip->variables);
+  if (scale.step == 0) return origin(chip->error_state, at, kIllegalValue, "DACStepFine is 0");
+  normalizeCounters(scale, raw, normalized, static_cast<size_t>(std::max(count, 0)));
   return kSuccess;
 }
 
@@ -179,7 +142,7 @@ int32_t CHIP(CaptureFrame)(ChipHandle *chip, uint32_t *frame, int32_t capacity, 
   QTX_StackTrace *record = chip->error_state;
   if (!frame) return origin(record, HERE, kError);
   VariableSet *set = chip->variables;
-  const Window window(set);
+  const SamplingWindow window(set);
   const SweepExtent extent = CHIP(sweepExtent)(set);
   const uint64_t sweeps = setting(set, "FrameStitch");
   if (capacity < static_cast<int64_t>(sweeps * extent.samplers)) return origin(record, HERE, kBufferTooSmall);

@@ -29,7 +29,7 @@ constexpr uint32_t kHostQueue = 61440;        // answers that the host's side ho
 constexpr uint64_t kQuickMilliseconds = 200;  // programs longer than the FIFO may take that long
 constexpr uint64_t kPatienceMilliseconds = 1000;
 constexpr uint64_t kQuietMilliseconds = 5;
-constexpr uint32_t kPollsPerSleep = 100;
+constexpr uint32_t kPollsBeforeNaps = 100;
 constexpr uint8_t kSpiPins = 0x07;  // their levels are the SPI engine's
 
 constexpr char kWriteMessage[] = "FTx232H - Could not write data to device";
@@ -310,7 +310,7 @@ class Wait {
     if (progress) polls_ = slept_ = 0;
     if (int32_t code = waitCheck(owner_, deadline_)) return code;
     if (slept_ > limit_) return kInterfaceTimeout;
-    if (++polls_ % kPollsPerSleep != 0) return kSuccess;
+    if (++polls_ < kPollsBeforeNaps) return kSuccess;
     ++slept_;
     pauseWait(owner_, 1);
     return kSuccess;

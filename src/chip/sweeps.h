@@ -1,0 +1,86 @@
+// Sweeps as parts of bus programs, for frames that are taken one behind the other without the host's help. A frame is
+// one sweep or several, the window a little later in each; a sweep is started, over when the status says so, loaded
+// into the chip's output memory, and read from there while the next one may run.
+#pragma once
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "../interface/program.h"
+#include "chip.h"
+
+namespace pulsekit::chip {
+
+// From counters to percent of the threshold DAC's range.
+struct FrameScale {
+  uint64_t pulses = 0;  // at each step of the threshold
+  uint64_t offset = 0;  // what thresholds below the lowest would have counted
+  uint64_t step = 0;    // of the threshold, in codes; 0: there is no scale
+};
+
+template <typename Real>
+void normalizeCounters(const FrameScale &scale, const uint32_t *raw, Real *normalized, size_t count) {
+  constexpr uint64_t kDacCodes = 8192;
+  const Real full_scale = static_cast<Real>(scale.pulses * kDacCodes) / static_cast<Real>(scale.step);
+  for (size_t i = 0; i < count; ++i) {
+    normalized[i] = static_cast<Real>(raw[i] + scale.offset) * Real{100} / full_scale;
+  }
+}
+
+using Command = std::vector<uint8_t>;  // what one chip-select frame sends
+
+// How frames are taken with the settings as they stood when it was made.
+struct SweepPlan {
+  uint32_t sweeps = 1;  // of a frame
+  uint32_t samplers = 0, bytes_per_counter = 0;
+  uint64_t largest_counter = 0;  // that a sweep can count; 0: not known
+  double expected_seconds = 0;   // that a sweep takes; a chip's real clocks may differ
+  bool signals_start = false;
+  FrameScale scale;
+  std::vector<std::vector<Command>> positions;  // of the window, one for each sweep; empty when there is one only
+};
+
+// What a chip driver offers for that.
+struct SweepDriver {
+  // Works the plan out. Where several sweeps make a frame the window is moved through all of its positions and back, so
+  // that every register write has been verified once.
+  int32_t (*plan)(ChipHandle *chip, SweepPlan &plan);
+  void (*abort)(BusProgram &program);  // ends the sweep that runs, if one does
+  void (*position)(const SweepPlan &plan, uint32_t sweep, BusProgram &program);
+  // Moves the window to the sweep's position and starts it.
+  void (*start)(const SweepPlan &plan, uint32_t sweep, BusProgram &program);
+  void (*rest)(BusProgram &program);  // pins as they are while nothing sweeps
+  // Answers two bytes, the least significant one first: bit 0 is 1 while a sweep runs, the others never change.
+  void (*status)(BusProgram &program);
+  void (*load)(BusProgram &program);
+  void (*read)(const SweepPlan &plan, BusProgram &program);  // answers samplers * bytes_per_counter bytes
+  void (*counters)(const SweepPlan &plan, const uint8_t *image, uint32_t *counters);
+};
+
+constexpr uint32_t kSweepStatusLength = 2;
+
+// Null for a chip without.
+const SweepDriver *sweepDriverOf(const ChipHandle *chip);
+
+// Notes the commands that drivers write to the chip on this thread while it exists.
+class CommandLog {
+ public:
+  CommandLog() : outer_(current) { current = this; }
+  ~CommandLog() { current = outer_; }
+  CommandLog(const CommandLog &) = delete;
+  CommandLog &operator=(const CommandLog &) = delete;
+  // The commands since the last call.
+  std::vector<Command> take() { return std::exchange(commands_, {}); }
+
+  static void note(const uint8_t *command, size_t length) {
+    if (current) current->commands_.emplace_back(command, command + length);
+  }
+
+ private:
+  static inline thread_local CommandLog *current = nullptr;
+  CommandLog *outer_;
+  std::vector<Command> commands_;
+};
+
+}  // namespace pulsekit::chip

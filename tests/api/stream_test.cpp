@@ -1,0 +1,319 @@
+// Streams on the simulated bench: the same frames as single captures, at the pace of the hardware, whatever happens.
+#include <cmath>
+#include <functional>
+
+#include "Pulsekit3_stream.h"
+#include "bench.h"
+
+namespace pulsekit::test {
+namespace {
+
+using Counters = std::vector<uint32_t>;
+using Settings = std::vector<std::pair<const char *, const char *>>;
+
+struct Frame {
+  QTX_FrameInfo info;
+  Counters counters;
+};
+
+class Streams : public Bench {
+ protected:
+  Streams() { addRadar(); }
+
+  void open(const Settings &settings = {}) {
+    const QTXSim_Reflector wall = {1.1, 900, QTXSIM_STILL, 0, 0, 0};
+    ASSERT_EQ(QTXSim_SetScene(0, &wall, 1, 300, 0), 0);
+    ASSERT_EQ(QTX_OpenRadar(radar, connection().c_str()), 0);
+    for (const auto &[name, text] : settings) ASSERT_EQ(QTX_VarSetValue_ByString(radar, name, text), 0) << name;
+  }
+
+  int32_t start(double rate = 0, uint32_t kind = QTX_STREAM_RAW, uint32_t in_flight = 0) {
+    const QTX_StreamOptions options = {sizeof options, kind, rate, in_flight};
+    return QTX_StreamStart(radar, &options);
+  }
+
+  Counters single() {
+    Counters counters(4096, 0xEEEEEEEE);
+    EXPECT_EQ(QTX_GetFrameRaw(radar, counters.data(), counters.size()), 0) << description(radar);
+    counters.erase(std::find(counters.begin(), counters.end(), 0xEEEEEEEE), counters.end());
+    return counters;
+  }
+
+  // Appends what one read gives.
+  int32_t read(std::vector<Frame> &frames, uint32_t most = 16) {
+    QTX_FrameInfo infos[16];
+    uint32_t count = 0;
+    const int32_t code = QTX_StreamRead(radar, buffer.data(), buffer.size(), infos, most, &count, 1000);
+    for (uint32_t i = 0; i < count; ++i) {
+      const uint32_t *entries = buffer.data() + size_t{i} * infos[i].samplers;
+      frames.push_back({infos[i], Counters(entries, entries + infos[i].samplers)});
+    }
+    return code;
+  }
+
+  std::vector<Frame> read(size_t count) {
+    std::vector<Frame> frames;
+    while (frames.size() < count && read(frames) == 0) {
+    }
+    EXPECT_GE(frames.size(), count) << description(radar);
+    return frames;
+  }
+
+  QTX_StreamStatistics statistics() {
+    QTX_StreamStatistics result{};
+    result.size = sizeof result;
+    EXPECT_EQ(QTX_StreamStatus(radar, &result), 0);
+    return result;
+  }
+
+  Radar radar;
+  std::vector<uint32_t> buffer = std::vector<uint32_t>(16 * 15 * 256);
+};
+
+size_t differing(const Counters &one, const Counters &other) {
+  size_t count = one.size() == other.size() ? 0 : other.size();
+  for (size_t i = 0; i < std::min(one.size(), other.size()); ++i) count += one[i] != other[i];
+  return count;
+}
+
+struct Speed {
+  const char *name, *clock;
+  Settings settings;
+  double share;  // of what the sweeps or reading out allow, that is reached at least
+  double rate = 0;
+};
+
+const Speed kSpeeds[] = {
+    {"Default", "30MHz", {}, 0.97},
+    {"Short", "30MHz", {{"Iterations", "1"}, {"PulsesPerStep", "9"}}, 0.85},
+    {"Stitched", "30MHz", {{"FrameStitch", "4"}}, 0.90},
+    {"Slow", "4.28MHz", {{"PipeLining", "1"}, {"Downsampling", "3"}}, 0.95},
+    {"Odd", "15MHz", {{"BytesPerCounter", "3"}, {"FrameStitch", "15"}, {"SignalStartOfSweep", "1"}}, 0.90},
+    {"Small", "30MHz", {{"BytesPerCounter", "1"}, {"Iterations", "1"}, {"Downsampling", "3"}}, 0.85},
+    {"Long", "30MHz", {{"Iterations", "2000"}}, 0.95},
+    {"Paced", "15MHz", {}, 0, 100},
+    {"PacedTight", "30MHz", {}, 0.9, 450},
+    {"PacedStitched", "15MHz", {{"FrameStitch", "3"}, {"SDFTEnable", "1"}}, 0, 60},
+    {"PacedSlow", "15MHz", {}, 0, 3},
+};
+
+class Rates : public Streams, public testing::WithParamInterface<Speed> {};
+
+}  // namespace
+
+TEST_P(Rates, GivesTheFramesOfSingleCapturesAtThePaceOfTheHardware) {
+  const Speed &speed = GetParam();
+  open(speed.settings);
+  ASSERT_EQ(QTX_VarSetValue_ByString(radar, "SPIClockFrequency", speed.clock), 0);
+  const Counters expected = single();
+  const auto before = settings(radar);
+  ASSERT_EQ(start(speed.rate), 0) << description(radar);
+  read(size_t{1});
+  const uint64_t begun = QTXSim_Nanoseconds();
+  const std::vector<Frame> frames = read(size_t{60});
+  const double each = static_cast<double>(QTXSim_Nanoseconds() - begun) * 1e-9 / static_cast<double>(frames.size());
+  for (size_t i = 0; i < frames.size(); ++i) {
+    ASSERT_EQ(frames[i].counters, expected) << i;
+    EXPECT_EQ(frames[i].info.flags, 0u) << i;
+    EXPECT_EQ(frames[i].info.number, frames[0].info.number + i);
+    const double due = static_cast<double>(frames[i].info.number) / speed.rate;
+    EXPECT_TRUE(speed.rate == 0 || std::abs(frames[i].info.time - due) < 1e-7) << frames[i].info.time << " " << due;
+  }
+  const auto bytes = static_cast<double>(expected.size() * before.at("BytesPerCounter").value);
+  const double reading = bytes * 8 / (std::atof(speed.clock) * 1e6);
+  const double sweeping = statistics().sweep_time * static_cast<double>(before.at("FrameStitch").value);
+  EXPECT_GT(std::max(sweeping, reading) / each, speed.share);
+  EXPECT_EQ(QTX_StreamStop(radar), 0);
+  EXPECT_EQ(settings(radar), before);
+  EXPECT_EQ(single(), expected);
+}
+INSTANTIATE_TEST_SUITE_P(Every, Rates, testing::ValuesIn(kSpeeds), [](const auto &test) { return test.param.name; });
+
+TEST_F(Streams, HostThatStopsNowAndThenMissesNothing) {
+  open({{"SPIClockFrequency", "30MHz"}});
+  const Counters expected = single();
+  ASSERT_EQ(start(), 0);
+  std::vector<Frame> frames = read(size_t{1});
+  const uint64_t begun = QTXSim_Nanoseconds();
+  for (int stop = 1; stop <= 10; ++stop) {
+    while (QTXSim_Nanoseconds() < begun + stop * 80'000'000ull) ASSERT_EQ(read(frames), 0);
+    QTXSim_Advance(20'000'000);
+  }
+  EXPECT_GT(frames.size(), 360u) << "0.8 s of 2.156 ms each";
+  for (size_t i = 1; i < frames.size(); ++i) {
+    ASSERT_EQ(frames[i].counters, expected);
+    EXPECT_EQ(frames[i].info.number, i);
+    EXPECT_NEAR(frames[i].info.time - frames[i - 1].info.time, statistics().frame_time, 1e-6);
+  }
+}
+
+TEST_F(Streams, SettingsChangeBetweenFrames) {
+  const Settings changes = {{"FrameStitch", "2"},
+                            {"PulsesPerStep", "7"},
+                            {"OffsetDistanceFromReference", "0.9"},
+                            {"SPIClockFrequency", "10MHz"},
+                            {"PulsesPerStep", "7"}};
+  open({{"SPIClockFrequency", "30MHz"}});
+  std::vector<Counters> expected = {single()};
+  for (const auto &[name, text] : changes) {
+    EXPECT_EQ(QTX_VarSetValue_ByString(radar, name, text), 0);
+    expected.push_back(single());
+  }
+  for (const char *name : {"FrameStitch", "PulsesPerStep", "OffsetDistanceFromReference", "SPIClockFrequency"}) {
+    EXPECT_EQ(QTX_VarSetValue_ByString(radar, name, "auto"), 0);
+  }
+  EXPECT_EQ(QTX_VarSetValue_ByString(radar, "SPIClockFrequency", "30MHz"), 0);
+  ASSERT_EQ(start(), 0);
+  std::vector<Frame> frames = read(size_t{3});
+  for (const auto &[name, text] : changes) {
+    EXPECT_EQ(QTX_VarSetValue_ByString(radar, name, text), 0);
+    uint64_t status = 7;
+    EXPECT_EQ(QTX_RegisterRead(radar, 2, 2, &status), 0);
+    EXPECT_EQ(status, 0x309u);
+    const std::vector<Frame> more = read(size_t{40});
+    frames.insert(frames.end(), more.begin(), more.end());
+  }
+  std::vector<int> counts(changes.size() + 1);
+  for (size_t i = 0; i < frames.size(); ++i) {
+    const QTX_FrameInfo &info = frames[i].info;
+    EXPECT_EQ(info.number, i);
+    EXPECT_EQ(info.flags, 0u);
+    ASSERT_EQ(frames[i].counters, expected.at(info.settings)) << i << " with settings " << info.settings;
+    ++counts[info.settings];
+  }
+  EXPECT_GT(counts[0], 12) << "with what was in flight";
+  EXPECT_EQ(counts.back(), 0) << "setting what is set changes nothing";
+}
+
+TEST_F(Streams, KindsCapacitiesAndRefusals) {
+  EXPECT_EQ(QTX_StreamStart(nullptr, nullptr), 1025);
+  EXPECT_EQ(start(), 770);
+  open({{"Downsampling", "3"}});
+  std::vector<double> normalized(32);
+  std::vector<float> floats(32);
+  EXPECT_EQ(QTX_GetFrameNormalized(radar, normalized.data(), 32), 0);
+  EXPECT_EQ(QTX_GetFrameNormalizedFloat(radar, floats.data(), 32, 0), 0);
+  const QTX_StreamOptions wrong[] = {{8, 0, 0, 0}, {24, 3, 0, 0}, {24, 0, -1, 0}, {24, 0, NAN, 0}};
+  for (const QTX_StreamOptions &options : wrong) EXPECT_EQ(QTX_StreamStart(radar, &options), 1);
+  uint32_t count = 7;
+  EXPECT_EQ(QTX_StreamRead(radar, buffer.data(), 32, nullptr, 1, &count, 0), 1539);
+  EXPECT_EQ(QTX_StreamStop(radar), 0);
+
+  for (const uint32_t kind : {QTX_STREAM_DOUBLE, QTX_STREAM_FLOAT}) {
+    ASSERT_EQ(start(0, kind), 0);
+    EXPECT_EQ(start(), 1540);
+    EXPECT_EQ(QTX_GetFrameRaw(radar, buffer.data(), 4096), 1540);
+    EXPECT_EQ(QTX_GetFrameNormalized(radar, normalized.data(), 32), 1540);
+    EXPECT_EQ(QTX_GetCDF(radar, buffer.data(), 4096), 1540);
+    EXPECT_EQ(QTX_ExecuteAction_ByName(radar, "MeasureAll"), 1540);
+    EXPECT_EQ(QTX_StreamRead(radar, buffer.data(), 31, nullptr, 9, &count, 1000), 2);
+    EXPECT_EQ(count, 0u);
+    EXPECT_EQ(QTX_StreamRead(radar, buffer.data(), 80, nullptr, 9, &count, 1000), 0);
+    EXPECT_EQ(count, 2u) << "as many as fit";
+    const void *single = kind == QTX_STREAM_DOUBLE ? static_cast<void *>(normalized.data()) : floats.data();
+    EXPECT_EQ(std::memcmp(buffer.data(), single, kind == QTX_STREAM_DOUBLE ? 256 : 128), 0);
+    EXPECT_EQ(QTX_VarSetIntValue_ByName(radar, "DACStepFine", 0), 0);
+    while (QTX_StreamRead(radar, buffer.data(), 4096, nullptr, 9, &count, 1000) == 0) {
+    }
+    EXPECT_NE(description(radar).find("DACStepFine is 0"), std::string::npos);
+    EXPECT_EQ(QTX_VarSetValue_ByString(radar, "DACStepFine", "auto"), 0);
+    EXPECT_EQ(QTX_StreamRead(radar, buffer.data(), 4096, nullptr, 9, &count, 1000), 0);
+    EXPECT_EQ(QTX_StreamStop(radar), 0);
+    EXPECT_EQ(QTX_StreamStop(radar), 0);
+  }
+}
+
+// The chip sweeps longer than was measured, in the end without end.
+TEST_F(Streams, SweepThatHasNotEndedIsTakenAgain) {
+  open({{"Iterations", "12"}});
+  const Counters longer = single();
+  EXPECT_EQ(QTX_VarSetValue_ByString(radar, "Iterations", "auto"), 0);
+  const Counters expected = single();
+  ASSERT_EQ(start(), 0);
+  std::vector<Frame> frames = read(size_t{20});
+  const double measured = statistics().sweep_time;
+  QTXSim_SetChipRegister(0, 0x3c, 12);
+  while (frames.back().counters != longer) ASSERT_EQ(read(frames), 0);
+  uint32_t retaken = 0;
+  for (size_t i = 0; i < frames.size(); ++i) {
+    EXPECT_EQ(frames[i].info.number, i);
+    EXPECT_TRUE(frames[i].counters == expected || frames[i].counters == longer) << i;
+    retaken += frames[i].info.flags & QTX_FRAME_RETAKEN;
+  }
+  read(frames);
+  EXPECT_GT(retaken, 0u);
+  EXPECT_GT(statistics().retaken, 0u);
+  EXPECT_GT(statistics().sweep_time, measured * 1.15);
+
+  QTXSim_ChipStickBits(0, 0x47, 1, 1);
+  while (read(frames) == 0) {
+  }
+  EXPECT_EQ(description(radar).substr(0, 12), "ERROR 0x602:");
+  EXPECT_EQ(QTX_StreamStop(radar), 0);
+  EXPECT_EQ(start(), 1538);
+  QTXSim_ChipStickBits(0, 0x47, 1, 0);
+  QTXSim_SetIdleLevel(0, 1);
+  QTXSim_PowerCycle(0);
+  EXPECT_EQ(QTX_PowerOffRadar(radar), 0);
+  EXPECT_EQ(start(), 768) << "nothing drives the line";
+}
+
+// Whatever happens to the bus: no bad frame is handed out, and streaming works again, on the same stream or on a new
+// one.
+TEST_F(Streams, FaultsNeverGiveABadFrame) {
+  using Fault = std::function<void(uint32_t nth)>;
+  const uint8_t surplus[] = {0, 0x55, 0};
+  const Fault faults[] = {
+      [](uint32_t nth) { QTXSim_UnplugAtCall(0, nth); },
+      [](uint32_t nth) { QTXSim_FailCall("Write", nth, 1, FT_IO_ERROR); },
+      [](uint32_t nth) { QTXSim_FailCall("Read", nth, 1, FT_IO_ERROR); },
+      [](uint32_t nth) { QTXSim_FailCall("GetQueueStatus", nth, 1, FT_IO_ERROR); },
+      [](uint32_t nth) { QTXSim_ShortWrite(0, nth % 4 + 1, nth * 17); },
+      [](uint32_t nth) { QTXSim_LoseAnswer(0, nth * nth * 9, nth % 3 + 1); },
+      // A counter that is wrong but possible looks like any other: only what is around the counters can be checked.
+      [](uint32_t nth) { QTXSim_CorruptAnswer(0, nth * 514 - nth % 3, 0xFF); },
+      [&](uint32_t nth) { QTXSim_InsertAnswer(0, surplus, nth % 3 + 1); },
+  };
+  for (const char *stitch : {"1", "3"}) {
+    open({{"SPIClockFrequency", "30MHz"}, {"FrameStitch", stitch}});
+    const Counters expected = single();
+    const auto expectFrames = [&](const std::vector<Frame> &frames, size_t tolerated) {
+      for (size_t i = 0; i < frames.size(); ++i) {
+        ASSERT_LE(differing(frames[i].counters, expected), tolerated) << i;
+        ASSERT_TRUE(i == 0 || frames[i].info.number == frames[i - 1].info.number + 1);
+      }
+    };
+    for (size_t fault = 0; fault < std::size(faults); ++fault) {
+      for (uint32_t nth = 1; nth <= 6; ++nth) {
+        SCOPED_TRACE(testing::Message() << "fault " << fault << ", " << nth << ", stitch " << stitch);
+        const bool at_start = nth % 2 == 0;
+        if (at_start) faults[fault](nth);
+        int32_t code = start();
+        std::vector<Frame> frames;
+        if (!at_start) {
+          read(frames);
+          faults[fault](nth);
+        }
+        int failures = code != 0;
+        for (int i = 0; i < 12 && code == 0; ++i) failures += read(frames) != 0;
+        expectFrames(frames, fault == 6);
+        QTXSim_ClearFaults();
+        if (fault == 0) {
+          EXPECT_GT(failures, 0);
+          EXPECT_EQ(QTX_CloseRadar(radar), 0);
+          QTXSim_Replug(0);
+          open({{"SPIClockFrequency", "30MHz"}, {"FrameStitch", stitch}});
+        } else if (code == 0) {
+          EXPECT_LT(failures, 4);
+          EXPECT_EQ(QTX_StreamStop(radar), 0);
+        }
+        EXPECT_EQ(single(), expected);
+        EXPECT_EQ(start(), 0) << description(radar);
+        expectFrames(read(size_t{4}), 0);
+        EXPECT_EQ(QTX_StreamStop(radar), 0);
+      }
+    }
+  }
+}
+
+}  // namespace pulsekit::test
