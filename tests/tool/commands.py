@@ -2,12 +2,17 @@
 """Runs pulsekit on simulated radars: a row a case. usage: commands.py PULSEKIT"""
 import json
 import os
+import pty
 import re
+import signal
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 from pathlib import Path
+
+import numpy
 
 PULSEKIT = os.path.abspath(sys.argv.pop(1))
 
@@ -19,7 +24,7 @@ ROWS = [
     ('settings SampleDelay', 0, r'(?s)^SampleDelay\n.*range +0 \.\. 1 s.*follows +SampleDelayToReference.*followed by +SDCT'),
     ('settings --fixed', 0, r'^$'),
     ('settings nothing', 1, r'remedy: '),
-    ('set PulsesPerStep=0x28 SampleDelay=1.5ns', 0, r'(?s)PulsesPerStep  0x28 +20 \w+ +40 .*SDMT +2 +5 '),
+    ('set PulsesPerStep=0x28 SampleDelay=1.5ns', 0, r'(?s)PulsesPerStep  0x28 +20 \w+ +40 .*SDMT +2 \w+ +5 '),
     ('get PulsesPerStep SampleDelay', 0, r'^PulsesPerStep=40\nSampleDelay=1.5e-09$'),
     ('--fresh get PulsesPerStep', 0, '^20$'),
     ('set PulsesPerStep=4O', 2, r'not its unit\nremedy: '),
@@ -41,16 +46,16 @@ ROWS = [
     ('--radar SIM get ChipID', 0, '^777$'),
     ('--radar 2 list', 0, 'SIM00001'),
     ('--radar 2 get ChipID', 2, 'remedy: attached are 1: SIM00001'),
-    ('set Iterations=5 FrameStitch=2', 0, r'SamplersPerFrame +256 +512 +read-only'),
+    ('set Iterations=5 FrameStitch=2', 0, r'SamplersPerFrame +256 \w+ +512 \w+ +read-only'),
     ('save one.set', 0, r'^$'),
     ('diff one.set', 0, r'^$'),
     ('save nowhere/one.set', 1, r'remedy: check that the directory exists'),
     ('store', 0, r'^$'),
-    ('reset', 0, r'Iterations +5 +10'),
+    ('reset', 0, r'Iterations +5 \w+ +10 '),
     ('diff one.set', 0, r'Iterations +5 +auto\n'),
-    ('restore', 0, r'Iterations +10 +5 +fixed'),
-    ('set FrameStitch=3', 0, r'512 +768'),
-    ('load one.set', 0, r'FrameStitch +3 +2 +fixed'),
+    ('restore', 0, r'Iterations +10 \w+ +5 \w+ +fixed'),
+    ('set FrameStitch=3', 0, r'512 \w+ +768 '),
+    ('load one.set', 0, r'FrameStitch +3 sweeps +2 sweeps +fixed'),
     ('load bad.set', 1, r'bad.set:3: Iterations "1O"'),
     ('load strange.set', 1, r'unknown setting Iteration, near is Iterations\n.*strange.set: saved from a chip with ID 0x0308'),
     ('get Iterations', 0, '^5$'),
@@ -80,6 +85,23 @@ ROWS = [
     ('simulate scene.toml', 0, r'^$'),
     ('simulate scene.toml', 1, r'exists already'),
     ('--simulate=scene.toml list', 0, r'SIM00001'),
+    ('doctor', 0, r'(?s)ok +radar SIM00001: opens.*ok +flash: two reads agree.*ok +chip: registers keep.*ok +frame: levels'),
+    ('capture -n 3 -o three.csv', 0, r'^$'),
+    ('capture -n 2', 0, r'^frame,time_s,flags,0\.2,[^\n]*\n0,0,0,[^\n]*\n1,'),
+    ('capture -n 4 --raw -o four.log', 0, r'^$'),
+    ('log decode four.log', 0, r'^frame,time_s,0,1,2'),
+    ('log decode four.log -o four.npy', 0, r'^$'),
+    ('capture -n 5 --rate 200 -o five.npy --plot five.svg', 0, r'^$'),
+    ('capture --plot --plot six.svg', 0, r'(?s)A frame of SIM00001 .*[\u2801-\u28ff].*\n +0\.2 .* 2\.3'),
+    ('capture -o five.txt', 2, r'end the name in .csv, .npy or .log'),
+    ('capture --plot five.jpg', 2, r'.svg or .png'),
+    ('capture -n -1', 2, r'-n "-1"'),
+    ('watch', 2, r'needs a terminal'),
+    ('set ZoomMin=45 ZoomMax=55 DACStep=64', 0, r'DACMin +0 '),
+    ('cdf -o cdf.npy', 0, r'^$'),
+    ('set DACMin=5000', 0, r'DACMin +5000 +3685 codes +5000'),
+    ('cdf', 1, r'pulsekit reset DACMin'),
+    ('completion', 0, r'complete -F _pulsekit pulsekit'),
     ('lst', 2, 'did you mean list'),
     ('get', 2, 'pulsekit get --help'),
     ('--simulate=nowhere.toml list', 1, 'nowhere.toml'),
@@ -93,6 +115,10 @@ JSON_ROWS = [
     ('get SampleDelayToReference', ('SampleDelayToReference',), 0.0),
     ('set DACStep=16', ('moved', 0, 'name'), 'DACStepFine'),
     ('action', (0, 'name'), 'InterfaceReset'),
+    ('doctor', (0, 'good'), True),
+    ('capture -n 2', ('frames', 1, 'number'), 1),
+    ('flash read 0 2', ('bytes',), 'ff ff'),
+    ('board show', ('name',), 'QTX-K245'),
 ]
 
 FILES = {
@@ -106,13 +132,20 @@ class Commands(unittest.TestCase):
     def setUp(self):
         self.directory = tempfile.TemporaryDirectory()
         self.addCleanup(self.directory.cleanup)
-        self.environment = {**os.environ, 'XDG_RUNTIME_DIR': self.directory.name, 'LC_ALL': 'C.UTF-8'}
+        self.environment = {**os.environ, 'XDG_RUNTIME_DIR': self.directory.name, 'LC_ALL': 'C.UTF-8',
+                            'PULSEKIT3_SIMULATED_TIME': 'deterministic'}
 
         # What rows need to be there.
         self.noise = bytes(i % 251 for i in range(8000))
         Path(self.directory.name, 'noise.bin').write_bytes(self.noise)
         for name, text in FILES.items():
             Path(self.directory.name, name).write_text(text)
+
+    def path(self, name):
+        return os.path.join(self.directory.name, name)
+
+    def load(self, name):
+        return numpy.load(self.path(name))
 
     def run_tool(self, command):
         simulate = [] if '--simulate' in command else ['--simulate']
@@ -129,6 +162,12 @@ class Commands(unittest.TestCase):
                 if code:
                     self.assertIn('remedy: ', result.stderr)
                     self.assertEqual(result.stdout, '')
+        self.assertEqual(self.load('five.npy').shape, (5, 512))
+        self.assertAlmostEqual(self.load('five.npy').mean(), 50, 1)
+        self.assertEqual((self.load('four.npy').shape, self.load('four.npy').dtype), ((4, 512), numpy.uint32))
+        self.assertEqual(numpy.loadtxt(self.path('three.csv'), delimiter=',', skiprows=1).shape, (3, 515))
+        self.assertGreater(self.load('cdf.npy')[0].mean(), self.load('cdf.npy')[-1].mean())
+        self.assertIn('<svg', Path(self.path('six.svg')).read_text())
         self.assertEqual(Path(self.directory.name, 'back.bin').read_bytes(), self.noise)
         self.assertEqual([name for name in os.listdir(self.directory.name) if '.part' in name], [])
 
@@ -139,6 +178,45 @@ class Commands(unittest.TestCase):
                 for key in path:
                     data = data[key]
                 self.assertEqual(data, value)
+
+    def start(self, command, **streams):
+        environment = {**self.environment, 'PULSEKIT3_SIMULATED_TIME': 'real'}
+        return subprocess.Popen([PULSEKIT, '--simulate', *command.split()], env=environment, cwd=self.directory.name,
+                                text=True, **streams)
+
+    def test_ctrl_c(self):
+        """Ends a capture with its files complete; only one that had no end was not cut short."""
+        for count, code in ((0, 0), (1000000, 1)):
+            tool = self.start(f'capture -n {count} -o cut.npy', stderr=subprocess.PIPE)
+            while not any(name.startswith('cut.npy.part') and os.path.getsize(self.path(name)) > 10000
+                          for name in os.listdir(self.directory.name)):
+                self.assertIsNone(tool.poll())
+                time.sleep(0.01)
+            tool.send_signal(signal.SIGINT)
+            error = tool.communicate(timeout=20)[1]
+            self.assertEqual(tool.returncode, code, error)
+            self.assertEqual(self.load('cut.npy').shape[1], 256)
+            os.remove(self.path('cut.npy'))
+            self.assertEqual([name for name in os.listdir(self.directory.name) if 'cut' in name], [])
+
+    def test_terminal(self):
+        """Progress with the time that is left, live pictures, colours: on a terminal only."""
+        for command, pattern in (('capture -n 50 --rate 25 -o slow.npy', r'capturing \[#+\.*\] \d+ %, \d+ of 50, \d+ s left'),
+                                 ('watch -n 5', r'(?s)\x1b\[H.*Radar SIM00001, 5 frames.*[\u2801-\u28ff].*\x1b\[\?25h'),
+                                 ('list', r'\x1b\[1m +serial'), ('capture', r'A frame of SIM00001')):
+            with self.subTest(command):
+                main, side = pty.openpty()
+                tool = self.start(command, stdin=side, stdout=side, stderr=side)
+                os.close(side)
+                text = b''
+                try:
+                    while part := os.read(main, 65536):
+                        text += part
+                except OSError:  # the end, on Linux
+                    pass
+                os.close(main)
+                self.assertEqual(tool.wait(20), 0, text)
+                self.assertRegex(text.decode(), pattern)
 
 
 if __name__ == '__main__':

@@ -12,7 +12,10 @@ void addRadarCommands(CLI::App &program, const Options &options);
 void addSettingsCommands(CLI::App &program, const Options &options);
 void addKeepingCommands(CLI::App &program, const Options &options);
 void addHardwareCommands(CLI::App &program, const Options &options);
+void addDoctorCommand(CLI::App &program, const Options &options);
+void addProgramCommands(CLI::App &program, const Options &options);
 void addLogCommands(CLI::App &program, const Options &options);
+void addMeasuringCommands(CLI::App &program, const Options &options);
 
 /// Adds a command, its help and what it does.
 inline CLI::App *addCommand(CLI::App &program, const std::string &name, const std::string &help) {

@@ -1,4 +1,4 @@
-// save, load, diff, store, restore: settings in files and in the board's flash. simulate: an example scene.
+// save, load, diff, store, restore: settings in files and in the board's flash.
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -10,7 +10,6 @@
 #include "files.h"
 #include "session.h"
 #include "settings_file.h"
-#include "simulation.h"
 
 namespace tool {
 
@@ -227,14 +226,6 @@ void restore(const Options &options) {
   reportChanges(options, radar, before, {});
 }
 
-void writeScene(const std::string &path) {
-  if (path != "-" && std::filesystem::exists(path)) throw Failure(cat(path, ": exists already"), "choose another name");
-  NewFile file(path);
-  file.write(kExampleScene);
-  file.commit();
-  if (path != "-") note(cat(path, ": an example; try pulsekit --simulate=", path, " capture --plot"));
-}
-
 }  // namespace
 
 void addKeepingCommands(CLI::App &program, const Options &options) {
@@ -258,10 +249,6 @@ void addKeepingCommands(CLI::App &program, const Options &options) {
     store(options);
   });
   addCommand(program, "restore", "Apply the settings in the board's flash")->callback([&options] { restore(options); });
-  CLI::App *command = addCommand(program, "simulate", "Write an example of what a simulated radar can see");
-  const auto path = std::make_shared<std::string>("-");
-  command->add_option("FILE", *path, "Scene file; standard output without");
-  command->callback([path] { writeScene(*path); });
 }
 
 }  // namespace tool

@@ -12,6 +12,13 @@ void interrupt();
 
 namespace {
 
+constexpr const char *kExamples =
+    "Examples:\n"
+    "  pulsekit --simulate capture --plot            a frame of a simulated radar, in the terminal\n"
+    "  pulsekit set PulsesPerStep=40 Iterations=20   kept for the commands after it; reset undoes it\n"
+    "  pulsekit capture -n 100 --rate 10 -o walk.npy\n"
+    "Exit codes: 0 done, 1 failed, 2 wrong usage.\n";
+
 enum ExitCode { kDone = 0, kFailed = 1, kUsage = 2 };
 
 void complain(std::string_view text, std::string_view remedy, std::string_view trace = "") {
@@ -24,11 +31,28 @@ void complain(std::string_view text, std::string_view remedy, std::string_view t
 void addOptions(CLI::App &program, Options &options) {
   program.add_option("-r,--radar", options.radar, "Which radar: serial, connection string or number of the list")
       ->type_name("RADAR");
-  program.add_flag("--simulate{true}", options.simulation,
-                   "A simulated radar; --simulate=SCENE.toml chooses what it sees");
+  program.add_flag("--simulate", options.simulation, "A simulated radar; --simulate=SCENE.toml chooses what it sees");
   program.add_flag("--json", options.json, "Print data as JSON");
   program.add_flag("--trace", options.trace, "Show the way of a failure through the library");
   program.add_flag("--fresh", options.fresh, "Don't apply what earlier commands have set");
+}
+
+// In the order and under the headings of the help.
+void addCommands(CLI::App &program, const Options &options) {
+  const auto add = [&](const char *heading, auto function) {
+    function(program, options);
+    for (CLI::App *command : program.get_subcommands([](const CLI::App *) { return true; })) {
+      if (command->get_group() == "Subcommands") command->group(heading);
+    }
+  };
+  add("Radars", addRadarCommands);
+  add("Radars", addDoctorCommand);
+  add("Settings", addSettingsCommands);
+  add("Settings", addKeepingCommands);
+  add("Measuring", addMeasuringCommands);
+  add("Measuring", addLogCommands);
+  add("Hardware", addHardwareCommands);
+  add("Program", addProgramCommands);
 }
 
 // CLI11 tells what was not expected; people want to know what would have been.
@@ -53,13 +77,10 @@ int run(int count, char **arguments) {
   CLI::App program("Work with impulse radars: find, set up, measure, keep.", "pulsekit");
   program.fallthrough();
   program.require_subcommand(1);
+  program.footer(kExamples);
   program.set_version_flag("--version", [] { return cat("pulsekit ", QTX_SupportVersion()); });
   addOptions(program, options);
-  addRadarCommands(program, options);
-  addSettingsCommands(program, options);
-  addKeepingCommands(program, options);
-  addHardwareCommands(program, options);
-  addLogCommands(program, options);
+  addCommands(program, options);
   try {
     program.parse(count, arguments);
     return kDone;

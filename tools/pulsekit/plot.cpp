@@ -209,22 +209,40 @@ std::string plotText(const Plot &plot, size_t columns_wide, size_t lines) {
   return cat(plot.title, "   [", plot.y_label, " over ", plot.x_label, "]\n", body);
 }
 
-void checkPlotName(const std::string &path) {
-  if (path.empty() || path == "-" || endsWith(path, ".svg") || endsWith(path, ".png")) return;
-  throw Usage(cat(path, ": plots are made as .svg or .png"), "end the name of the plot in .svg or .png");
+void addPlotOption(CLI::App &command, Strings *plots) {
+  command
+      .add_option_function<std::string>(
+          "--plot", [plots](const std::string &file) { plots->push_back(file); },
+          "Plot it in the terminal, or to FILE.svg or FILE.png; may stand twice")
+      ->expected(0, 1)
+      ->type_name("[FILE]")
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
+      ->trigger_on_parse();
 }
 
-void plotToFile(const Plot &plot, const std::string &path) {
-  checkPlotName(path);
-  NewFile file(path);
-  runGnuplot(gnuplotScript(plot, file.temporaryPath(), endsWith(path, ".svg")));
-  file.commit();
+void checkPlotNames(const Options &options, const Strings &plots) {
+  for (const std::string &path : plots) {
+    if (path.empty() && options.json)
+      throw Usage("--plot in the terminal and --json exclude each other", "name a file to plot to");
+    if (path.empty() || endsWith(path, ".svg") || endsWith(path, ".png")) continue;
+    throw Usage(cat(path, ": plots are made as .svg or .png"), "end the name of the plot in .svg or .png");
+  }
 }
 
-void showPlot(const Plot &plot, const std::string &path) {
-  if (!path.empty() && path != "-") return plotToFile(plot, path);
-  const TerminalSize size = terminalSize();
-  print(plotText(plot, size.columns, std::min(size.lines, kLinesInTerminal + 2)));
+Strings showPlots(const Plot &plot, const Strings &plots) {
+  Strings files;
+  for (const std::string &path : plots) {
+    if (path.empty()) {
+      const TerminalSize size = terminalSize();
+      print(plotText(plot, size.columns, std::min(size.lines, kLinesInTerminal + 2)));
+      continue;
+    }
+    NewFile file(path);
+    runGnuplot(gnuplotScript(plot, file.temporaryPath(), endsWith(path, ".svg")));
+    file.commit();
+    files.push_back(path);
+  }
+  return files;
 }
 
 }  // namespace tool

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "text.h"
+#include "commands.h"
 
 namespace tool {
 
@@ -20,12 +20,13 @@ struct Plot {
 /// As text of that many columns and lines. NaN leaves a gap.
 std::string plotText(const Plot &plot, size_t columns, size_t lines);
 
+/// Adds --plot, which may stand twice: "" for the terminal, or the name of a file.
+void addPlotOption(CLI::App &command, Strings *plots);
+
 /// Refuses a file name that is neither .svg nor .png, before anything is measured.
-void checkPlotName(const std::string &path);
+void checkPlotNames(const Options &options, const Strings &plots);
 
-void plotToFile(const Plot &plot, const std::string &path);
-
-/// To a file, or for "" or "-" to the terminal.
-void showPlot(const Plot &plot, const std::string &path);
+/// Returns the files that were made.
+Strings showPlots(const Plot &plot, const Strings &plots);
 
 }  // namespace tool

@@ -7,6 +7,7 @@
 #include <mutex>
 
 #include "FTx232H_D2XX.h"
+#include "Pulsekit3_control.h"
 #include "meaning-autogen.h"
 #include "number.h"
 #include "output.h"
@@ -115,7 +116,7 @@ bool interrupted() { return interrupt_requested; }
 void interrupt() {
   interrupt_requested = true;
   const std::lock_guard lock(open_handle_guard);
-  static_cast<void>(open_handle);
+  if (open_handle) QTX_Cancel(open_handle);
 }
 
 Failure failure(QTX_Handle *handle, int32_t code) {
@@ -128,7 +129,9 @@ Failure failure(QTX_Handle *handle, int32_t code) {
   }
   description = trim(description);
   if (description.ends_with(" -")) description.resize(description.size() - 2);
-  return Failure(printable(description), kGeneralRemedy, trace);
+  char advice[1024] = "";
+  QTX_GetErrorAdvice(handle, advice, sizeof advice);
+  return Failure(printable(description), *advice ? advice : kGeneralRemedy, trace);
 }
 
 Strings bridgeLibraries() {
@@ -236,7 +239,9 @@ std::string Variable::pretty(uint64_t word) const {
   if (isFloat()) return quantity(std::bit_cast<double>(word), unit());
   if (isEnum() || *unit() == '\0') return text(word);
   if (std::string_view(unit()) == "Hz") return quantity(static_cast<double>(word), "Hz", 9);
-  return cat(word, ' ', unit());
+  std::string_view counted_unit = unit();
+  if (word == 1 && counted_unit.ends_with('s')) counted_unit.remove_suffix(1);
+  return cat(word, ' ', counted_unit);
 }
 
 std::string Variable::range() const {

@@ -1,4 +1,8 @@
 // list, info: which radars there are, and what one is.
+#include <algorithm>
+#include <memory>
+
+#include "Pulsekit3_control.h"
 #include "commands.h"
 #include "number.h"
 #include "output.h"
@@ -7,9 +11,44 @@ namespace tool {
 
 namespace {
 
+constexpr int32_t kWaitedTooLong = 1538;
+
 Json toJson(const Attached &radar) {
   return {{"connection", radar.connection}, {"bridge", radar.bridge}, {"serial", radar.serial},
           {"board", radar.board},           {"chip", radar.chip},     {"state", radar.state()}};
+}
+
+void announce(const Options &options, const char *change, const Attached &radar) {
+  if (!options.json)
+    return printLine(cat(change, "  ", radar.serial, "  ", radar.board, "  ", radar.chip, "  ", radar.state()));
+  Json json = toJson(radar);
+  json["change"] = change;
+  printLine(json.dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+// One line for each radar that is there, comes or goes, until Ctrl-C.
+void watchList(const Options &options) {
+  const Handle handle(options);
+  std::vector<Attached> known;
+  const auto holds = [](const std::vector<Attached> &radars, const Attached &radar) {
+    return std::any_of(radars.begin(), radars.end(),
+                       [&](const Attached &r) { return r.connection == radar.connection; });
+  };
+  // From here on changes count.
+  const int32_t first = QTX_WaitForRadarChange(handle, 0);
+  if (first != kWaitedTooLong) handle.check(first);
+  while (!interrupted()) {
+    const std::vector<Attached> radars = attachedRadars(handle);
+    for (const Attached &radar : radars) {
+      if (!holds(known, radar)) announce(options, known.empty() ? "attached" : "arrived", radar);
+    }
+    for (const Attached &radar : known) {
+      if (!holds(radars, radar)) announce(options, "removed", radar);
+    }
+    known = radars;
+    const int32_t code = QTX_WaitForRadarChange(handle, -1);
+    if (!interrupted()) handle.check(code);
+  }
 }
 
 void list(const Options &options) {
@@ -72,7 +111,10 @@ void info(const Options &options) {
 }  // namespace
 
 void addRadarCommands(CLI::App &program, const Options &options) {
-  addCommand(program, "list", "Attached radars")->callback([&] { list(options); });
+  CLI::App *command = addCommand(program, "list", "Attached radars");
+  const auto watch = std::make_shared<bool>(false);
+  command->add_flag("--watch", *watch, "Tell arrivals and removals until Ctrl-C");
+  command->callback([&options, watch] { *watch ? watchList(options) : list(options); });
   addCommand(program, "info", "What a radar is: bridge, board, chip")->callback([&] { info(options); });
 }
 
