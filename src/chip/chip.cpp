@@ -3,6 +3,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "../interface/interface.h"
+#include "../support/QTX_Handle.h"
 #include "../support/list.h"
 #include "../support/trace.h"
 #include "sweeps.h"
@@ -20,6 +22,10 @@ DECLARE_DRIVER(QTX3500);
 DECLARE_DRIVER(QTX3701);
 DECLARE_DRIVER(QTX3702);
 #undef DECLARE_DRIVER
+int32_t QTX3400_waitUntilIdle(ChipHandle *);
+int32_t QTX3500_waitUntilIdle(ChipHandle *);
+int32_t QTX3701_waitUntilIdle(ChipHandle *);
+int32_t QTX3702_waitUntilIdle(ChipHandle *);
 void QTX3701_forgetPreparation(ChipHandle *);
 void QTX3702_forgetPreparation(ChipHandle *);
 const chip::SweepDriver &QTX3701_Sweeps();
@@ -33,15 +39,18 @@ struct Model {
   const char *(*driver_name)();
   int32_t (*create)(ChipHandle **, QTX_StackTrace **, QTX_Handle *);
   int32_t (*release)(ChipHandle **, QTX_StackTrace **);
+  int32_t (*wait_until_idle)(ChipHandle *);
   void (*settings_reset)(ChipHandle *);  // null: nothing follows from settings
   const chip::SweepDriver &(*sweeps)();  // null: not in bus programs
 };
 
 constexpr Model kModels[] = {
-    {"QTX3400", 0x305, QTX3400_Name, QTX3400_InitHandle, QTX3400_FreeHandle, nullptr, nullptr},
-    {"QTX3500", 0x306, QTX3500_Name, QTX3500_InitHandle, QTX3500_FreeHandle, nullptr, nullptr},
-    {"QTX3701", 0x309, QTX3701_Name, QTX3701_InitHandle, QTX3701_FreeHandle, QTX3701_forgetPreparation, QTX3701_Sweeps},
-    {"QTX3702", 0x308, QTX3702_Name, QTX3702_InitHandle, QTX3702_FreeHandle, QTX3702_forgetPreparation, QTX3702_Sweeps},
+    {"QTX3400", 0x305, QTX3400_Name, QTX3400_InitHandle, QTX3400_FreeHandle, QTX3400_waitUntilIdle, nullptr, nullptr},
+    {"QTX3500", 0x306, QTX3500_Name, QTX3500_InitHandle, QTX3500_FreeHandle, QTX3500_waitUntilIdle, nullptr, nullptr},
+    {"QTX3701", 0x309, QTX3701_Name, QTX3701_InitHandle, QTX3701_FreeHandle, QTX3701_waitUntilIdle,
+     QTX3701_forgetPreparation, QTX3701_Sweeps},
+    {"QTX3702", 0x308, QTX3702_Name, QTX3702_InitHandle, QTX3702_FreeHandle, QTX3702_waitUntilIdle,
+     QTX3702_forgetPreparation, QTX3702_Sweeps},
 };
 
 const Model *modelNamed(const char *name) {
@@ -90,6 +99,13 @@ void fillEmptySlots(ChipOperations &operations) {
 }
 
 }  // namespace
+
+int32_t chipWaitUntilIdle(ChipHandle *chip) {
+  const Model *model = chip ? modelNamed(chip->name) : nullptr;
+  const InterfaceHandle *bridge = model && chip->access ? chip->access->interface_handle : nullptr;
+  const bool open = bridge && bridge->shared_status && *bridge->shared_status;
+  return open ? model->wait_until_idle(chip) : int32_t{kSuccess};
+}
 
 void chipSettingsReset(ChipHandle *chip) {
   const Model *model = modelNamed(chip->name);

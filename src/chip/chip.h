@@ -67,6 +67,9 @@ QTX_API int32_t chipListActions(ChipHandle *chip, char *buffer, int32_t size);
 
 /* For the driver to forget what followed from settings that are back at their defaults now. */
 void chipSettingsReset(ChipHandle *chip);
+/* Until no sweep runs, as every register write of an open radar does. A handle that no driver has made is idle. Codes:
+   1537, 1538, those of the read. */
+int32_t chipWaitUntilIdle(ChipHandle *chip);
 #endif
 
 #endif

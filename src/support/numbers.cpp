@@ -28,6 +28,37 @@ double parseDouble(const char *text) { return platform::realOf(text); }
 
 namespace {
 
+bool onlyBlanks(const char *text) { return *withoutLeadingBlanks(text) == '\0'; }
+
+const char *withoutSign(const char *text) {
+  text = withoutLeadingBlanks(text);
+  return *text == '-' || *text == '+' ? text + 1 : text;
+}
+
+}  // namespace
+
+bool strictInteger(const char *text, uint64_t *value) {
+  const char *digits = withoutSign(text);
+  const size_t count = std::strspn(digits, "0123456789");
+  *value = parseInteger(text);
+  return count > 0 && onlyBlanks(digits + count);
+}
+
+bool strictDouble(const char *text, double *value) {
+  const char *digits = withoutSign(text);
+  const bool hexadecimal = digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X');
+  if (hexadecimal) digits += 2;
+  // A second sign would be one of the number itself.
+  if (*digits == '-') return false;
+  double ignored = 0;
+  const auto form = hexadecimal ? std::chars_format::hex : std::chars_format::general;
+  const std::from_chars_result result = std::from_chars(digits, digits + std::strlen(digits), ignored, form);
+  *value = parseDouble(text);
+  return result.ec != std::errc::invalid_argument && onlyBlanks(result.ptr);
+}
+
+namespace {
+
 std::string format(double value, std::chars_format form, int precision) {
   std::string text(static_cast<size_t>(precision) + 330, '\0');
   const std::to_chars_result result = std::to_chars(text.data(), text.data() + text.size(), value, form, precision);

@@ -15,6 +15,10 @@ inline uint64_t doubleToBits(double value) { return std::bit_cast<uint64_t>(valu
 uint64_t parseInteger(const char *text);
 double parseDouble(const char *text);
 
+// The same, but false unless the whole text is a number; blanks may stand around it.
+bool strictInteger(const char *text, uint64_t *value);
+bool strictDouble(const char *text, double *value);
+
 // As "%e" and "%.<precision>f".
 std::string formatExponent(double value);
 std::string formatFixed(double value, int precision);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Pulsekit3Simulator.h"
+#include "Pulsekit3_control.h"
 #include "fakes.h"
 
 namespace pulsekit::test {
@@ -21,6 +22,20 @@ class Bench : public testing::Test {
     FTx232H_SetD2XX(QTXSim_D2XX());
   }
   ~Bench() override { FTx232H_SetD2XX(nullptr); }
+
+  // Before the nth write from now the handle's call is cancelled, where writes_left is set to n.
+  static void cancelAtWrites(QTX_Handle *handle) {
+    writes_left = 0;
+    to_cancel = handle;
+    FTx232H_D2XX table = *QTXSim_D2XX();
+    table.Write = [](FT_HANDLE device, const void *buffer, uint32_t count, uint32_t *written) {
+      if (writes_left > 0 && --writes_left == 0) QTX_Cancel(to_cancel);
+      return QTXSim_D2XX()->Write(device, buffer, count, written);
+    };
+    FTx232H_SetD2XX(&table);
+  }
+  static inline uint32_t writes_left = 0;
+  static inline QTX_Handle *to_cancel = nullptr;
 
   static int32_t addRadar(const char *serial = "FT0001AB", const char *board = "QTX-K245",
                           const char *chip = "QTX3701") {

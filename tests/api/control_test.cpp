@@ -9,24 +9,9 @@
 namespace pulsekit::test {
 namespace {
 
-// The simulated bench with something that happens before the nth write from now.
-uint32_t writes_left = 0;
-std::function<void()> at_write;
-
-FT_STATUS write(FT_HANDLE handle, const void *buffer, uint32_t count, uint32_t *written) {
-  if (writes_left > 0 && --writes_left == 0) at_write();
-  return QTXSim_D2XX()->Write(handle, buffer, count, written);
-}
-
 class Control : public Bench {
  protected:
-  Control() {
-    FTx232H_D2XX table = *QTXSim_D2XX();
-    table.Write = write;
-    FTx232H_SetD2XX(&table);
-    at_write = [this] { QTX_Cancel(radar); };
-  }
-  ~Control() override { writes_left = 0; }
+  Control() { cancelAtWrites(radar); }
 
   void open() { ASSERT_EQ(QTX_OpenRadar(radar, connection().c_str()), 0) << description(radar); }
   int32_t set(const char *name, const char *text) { return QTX_VarSetValue_ByString(radar, name, text); }
@@ -70,7 +55,7 @@ TEST_F(Control, ACancelAtAnyWriteLeavesTheRadarAsItWas) {
       {"CDF", 1, [&] { return QTX_GetCDF(radar, cdf.data(), static_cast<int32_t>(cdf.size())); }},
       {"flash", 1, [&] { return QTX_VarsSaveToFlash(radar); }},
       {"frequency", 1, [&] { return QTX_VarSetIntValue_ByName(radar, "DCOTargetFrequency", ++frequency); }},
-      {"calibration", 2999, [&] { return QTX_ExecuteAction_ByName(radar, "MeasureAll"); }},
+      {"calibration", 5003, [&] { return QTX_ExecuteAction_ByName(radar, "MeasureAll"); }},
   };
   open();
   for (const char *stitch : {"FrameStitch=3", "PipeLining=1", "DACStepFine=1024", "Iterations=200"}) {

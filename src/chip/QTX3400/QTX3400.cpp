@@ -74,6 +74,10 @@ int32_t CHIP(ReadChipId)(QTX_Handle *access) {
 
 int32_t CHIP(EmptyPipeLine)(QTX_Handle *access) { return forgetStartedSweep(access, HERE); }
 
+int32_t CHIP(waitUntilIdle)(ChipHandle *chip) {
+  return waitUntilIdle(chip->access, chip->error_state, HERE, CHIP(ReadRegister), kSweeping);
+}
+
 // ---- Frames ----
 
 int32_t CHIP(CaptureFrame)(ChipHandle *chip, uint32_t *, int32_t, uint64_t) {

@@ -64,6 +64,11 @@ int32_t CHIP(waitForSweepFinished)(ChipHandle *chip) {
   return waitUntilIdle(chip->access, chip->error_state, HERE, CHIP(ReadRegister), kSweeping);
 }
 
+// Without the pause for a sweep that is sure to run.
+int32_t CHIP(waitUntilIdle)(ChipHandle *chip) {
+  return waitUntilIdle(chip->access, chip->error_state, HERE, CHIP(ReadRegister), kSweeping);
+}
+
 int32_t CHIP(MCLK_frequency)(VariableSet *set) {
   if (!set || setting(set, "MClkEnable") == 0) return 0;
   const int32_t frequency = static_cast<int32_t>(setting(set, "ClockFrequency"));

@@ -27,6 +27,7 @@ int32_t CHIP(ExecuteAction)(QTX_Handle *access, uint8_t action);
 int32_t CHIP(ReadChipId)(QTX_Handle *access);
 int32_t CHIP(EmptyPipeLine)(QTX_Handle *access);
 int32_t CHIP(waitForSweepFinished)(ChipHandle *chip);
+int32_t CHIP(waitUntilIdle)(ChipHandle *chip);
 
 // ---- Frames ----
 int32_t CHIP(CaptureFrame)(ChipHandle *chip, uint32_t *frame, int32_t capacity, uint64_t option);
