@@ -34,7 +34,16 @@ if(TARGET pulsekit)
     DEPENDS pulsekit ${manual_maker}
     COMMENT "Writing the manual page"
     VERBATIM)
-  add_custom_target(manual ALL DEPENDS ${manual})
+  set(completion ${PROJECT_BINARY_DIR}/completion/pulsekit)
+  add_custom_command(
+    OUTPUT ${completion}
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/completion
+    COMMAND pulsekit completion bash > ${completion}
+    DEPENDS pulsekit
+    COMMENT "Writing the shell completion"
+    VERBATIM)
+  add_custom_target(manual ALL DEPENDS ${manual} ${completion})
+  install(FILES ${completion} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
   install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 

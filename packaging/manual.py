@@ -46,13 +46,9 @@ A file that says what the simulated radar looks at.
 or
 .B deterministic
 (quick, the same in every run).
-.SH EXAMPLES
-.nf
-pulsekit list
-pulsekit --simulate settings --basic
-pulsekit set FrameStitch=3 Iterations=20
-pulsekit capture -n 10 --rate 10 room.csv
-.fi
+"""
+
+SEE_ALSO = r"""
 .SH SEE ALSO
 .ad l
 /usr/share/doc/pulsekit3/docs/getting-started.md, /usr/share/doc/pulsekit3/docs/troubleshooting.md
@@ -70,17 +66,26 @@ def help_of(tool, *command):
     return subprocess.run([tool, *command, "--help"], check=True, capture_output=True, text=True).stdout.split("\n")
 
 
-def entries(lines, *sections):
-    """Pairs of what and meaning in these sections of a help text; a meaning may go on in the lines below."""
+def entries(lines, wanted):
+    """Pairs of what and meaning in the wanted sections of a help text; a meaning may go on in the lines below."""
     found, inside = [], False
     for line in lines:
         if line.endswith(":") and not line.startswith(" "):
-            inside = line[:-1] in sections
+            inside = wanted(line[:-1])
         elif inside and (entry := ENTRY.match(line)) and not line.startswith("   "):
-            found.append([re.sub(r"\b(TEXT|REQUIRED) ?", "", entry[1]).strip(), entry[2] or ""])
+            found.append([re.sub(r"\b(TEXT|REQUIRED) ?|:\{.*\}", "", entry[1]).strip(), entry[2] or ""])
         elif inside and line.strip() and found:
             found[-1][1] = (found[-1][1] + " " + line.strip()).strip()
     return found
+
+
+def is_option(section):
+    return section in ("Positionals", "Options")
+
+
+def is_command(section):
+    """Commands may stand in several groups."""
+    return not is_option(section) and section != "Examples"
 
 
 def list_of(pairs):
@@ -90,9 +95,9 @@ def list_of(pairs):
 def pages_of(tool, command):
     lines = help_of(tool, *command)
     usage = next(line for line in lines if line.startswith("Usage: ")).split(" ", 2)[2]
-    own = [pair for pair in entries(lines, "Positionals", "Options") if not pair[0].startswith("-h,")]
+    own = [pair for pair in entries(lines, is_option) if not pair[0].startswith("-h,")]
     text = [f".SS {escaped(usage)}", escaped(lines[0].strip()), *list_of(own)]
-    for name, _ in entries(lines, "Subcommands"):
+    for name, _ in entries(lines, is_command):
         text += pages_of(tool, [*command, name])
     return text
 
@@ -101,10 +106,15 @@ def main():
     tool, version = sys.argv[1:]
     lines = help_of(tool)
     print(f'.TH PULSEKIT 1 "" "Pulsekit3 {version}" "User Commands"{HEAD.rstrip()}')
-    print(".SH OPTIONS", *list_of(entries(lines, "Options")), ".SH COMMANDS", sep="\n")
-    for name, _ in entries(lines, "Subcommands"):
+    print(".SH OPTIONS", *list_of(entries(lines, is_option)), ".SH COMMANDS", sep="\n")
+    for name, _ in entries(lines, is_command):
         print("\n".join(pages_of(tool, [name])))
     print(TAIL.strip())
+    if "Examples:" in lines:
+        examples = lines[lines.index("Examples:") + 1 :]
+        shown = [escaped(line.strip()) for line in examples if line.startswith("  ")]
+        print(".SH EXAMPLES\n.nf", *shown, ".fi", sep="\n")
+    print(SEE_ALSO.strip())
 
 
 main()

@@ -91,11 +91,12 @@ SIMULATOR = ctypes.CDLL(str(BUILD / "libPulsekit3Simulator.so"))
 SIMULATOR.QTXSim_AddRadar(b"FT0001AB", None, 0, b"QTX-K245", b"QTX3701")
 LIBRARY.GetErrorMessage.restype = ctypes.c_char_p
 with tempfile.TemporaryDirectory() as scratch:
+    pathlib.Path(scratch, "examples").symlink_to(ROOT / "examples")
     ENVIRONMENT = os.environ | {
         "PULSEKIT3_BRIDGE_LIBRARY": str(BUILD / "libPulsekit3Simulator.so"),
         "PULSEKIT3_SIMULATED_TIME": "deterministic",
         "LD_LIBRARY_PATH": str(BUILD),
-        "HOME": scratch,
+        "XDG_RUNTIME_DIR": scratch,
     }
     for document in DOCUMENTS:
         content = document.read_text()
