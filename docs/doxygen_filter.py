@@ -28,7 +28,7 @@ def main():
             line = "/**" + line[2:]
         elif DECLARATION.match(line) and lines[number - 1] and not lines[number - 1].endswith("*/"):
             print("\n".join(comment))
-        line = re.sub(r"([;,{]\s+)/\* ", r"\1/**< ", line)
+        line = re.sub(r"(\S\s+)/\* ", r"\1/**< ", line)
         line = re.sub(r"^(\s+)/\* ", r"\1/** ", line)
         if inside:
             comment.append(line)

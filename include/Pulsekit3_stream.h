@@ -37,6 +37,7 @@ extern "C" {
    settings that the frame was taken with. */
 enum { QTX_STREAM_RAW = 0, QTX_STREAM_FLOAT = 1, QTX_STREAM_DOUBLE = 2 };
 
+/* How a stream is to run. */
 typedef struct QTX_StreamOptions {
   uint32_t size;      /* sizeof(QTX_StreamOptions) */
   uint32_t kind;      /* QTX_STREAM_... */
@@ -50,6 +51,7 @@ enum {
   QTX_FRAME_LATE = 2     /* began later than the rate asked for */
 };
 
+/* What belongs to a frame. */
 typedef struct QTX_FrameInfo {
   uint64_t number;   /* counts from 0. A gap is a loss: at a rate, frames whose time passed while the bridge had nothing to do
                         because the host came late. Without a rate there are no gaps */
@@ -62,6 +64,7 @@ typedef struct QTX_FrameInfo {
   uint32_t reserved; /* 0 */
 } QTX_FrameInfo;
 
+/* How a stream runs. */
 typedef struct QTX_StreamStatistics {
   uint32_t size;      /* sizeof(QTX_StreamStatistics), filled in by the caller */
   uint32_t in_flight; /* frames that the bridge has been handed ahead */
