@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -41,6 +42,27 @@ struct SweepPlan {
   std::vector<std::vector<Command>> positions;  // of the window, one for each sweep; empty when there is one only
 };
 
+// What the settings make of time. 0: the master clock does not run.
+struct SweepTiming {
+  double sweep_seconds = 0;
+  double pulse_rate = 0;  // Hz
+};
+
+// Settings that can't give a good frame, a line each: "<name>: <what is wrong>: <remedy>\n".
+class Findings {
+ public:
+  void add(const char *name, const std::string &what, const std::string &remedy) {
+    text_ += std::string(name) + ": " + what + ": " + remedy + '\n';
+    ++count_;
+  }
+  const std::string &text() const { return text_; }
+  int32_t count() const { return count_; }
+
+ private:
+  std::string text_;
+  int32_t count_ = 0;
+};
+
 // What a chip driver offers for that.
 struct SweepDriver {
   // Works the plan out. Where several sweeps make a frame the window is moved through all of its positions and back, so
@@ -56,6 +78,11 @@ struct SweepDriver {
   void (*load)(BusProgram &program);
   void (*read)(const SweepPlan &plan, BusProgram &program);  // answers samplers * bytes_per_counter bytes
   void (*counters)(const SweepPlan &plan, const uint8_t *image, uint32_t *counters);
+
+  SweepTiming (*timing)(VariableSet *set);
+  void (*check)(const ChipHandle *chip, Findings &findings);
+  // Measures the delay lines and puts the window where the new results say.
+  int32_t (*calibrate)(ChipHandle *chip);
 };
 
 constexpr uint32_t kSweepStatusLength = 2;

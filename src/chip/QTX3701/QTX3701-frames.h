@@ -45,6 +45,12 @@ inline void decodeCounters(SweepExtent extent, const uint8_t *image, uint32_t *c
 
 pulsekit::chip::FrameScale CHIP(frameScale)(VariableSet *set);
 
+// Thresholds of one pass; 0 when the range is upside down.
+double CHIP(thresholds)(VariableSet *set);
+pulsekit::chip::SweepTiming CHIP(sweepTiming)(VariableSet *set);
+void CHIP(checkSettings)(const ChipHandle *chip, pulsekit::chip::Findings &findings);
+int32_t CHIP(calibrate)(ChipHandle *chip);
+
 // The delay of the sampling window, which is moved from sweep to sweep of a stitched frame.
 class SamplingWindow {
  public:

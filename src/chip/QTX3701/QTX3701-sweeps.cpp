@@ -1,6 +1,5 @@
 // Sweeps as parts of bus programs. Every part says in one chip-select frame what frame capture says in one transfer.
 #include <algorithm>
-#include <cmath>
 #include <iterator>
 
 #include "../driver.h"
@@ -106,30 +105,11 @@ class WindowSettings {
 
 double number(VariableSet *set, const char *name) { return static_cast<double>(setting(set, name)); }
 
-// Thresholds of one pass; 0 when the range is upside down.
-double thresholds(VariableSet *set) {
-  const double range = number(set, "DACMax") - number(set, "DACMin");
-  return range < 0 ? 0 : std::floor(range / std::max(number(set, "DACStepFine"), 1.0)) + 1;
-}
-
-double sweepSeconds(VariableSet *set) {
-  const double clock = CHIP(MCLK_frequency)(set);
-  const double steps = thresholds(set);
-  if (clock <= 0 || steps <= 0) return 0;
-  const double pulse = setting(set, "SampleEveryPulse") != 0 ? 1 : std::max(number(set, "PRFDivide"), 1.0);
-  const double pass = steps * number(set, "PulsesPerStep") * pulse + number(set, "DACFirstStepSetupTime") +
-                      number(set, "DACLastStepHoldTime") +
-                      (steps - 1) * (number(set, "DACRegularStepSetupTime") + number(set, "DACRegularStepHoldTime"));
-  return (number(set, "DACFirstIterationSetupTime") + number(set, "Iterations") * pass +
-          number(set, "DACLastIterationHoldTime")) /
-         clock;
-}
-
 // Known where a counter's bytes hold all of the bits that are read out, an eighth more than the settings say.
 uint64_t largestCounter(VariableSet *set) {
   const int64_t bits = integerSetting(set, "CounterMSb") - integerSetting(set, "CounterLSb") + 1;
   if (bits <= 0 || (bits + 7) / 8 != integerSetting(set, "BytesPerCounter")) return 0;
-  const double most = number(set, "Iterations") * number(set, "PulsesPerStep") * thresholds(set) * 1.125;
+  const double most = number(set, "Iterations") * number(set, "PulsesPerStep") * CHIP(thresholds)(set) * 1.125;
   return most < 4294967295.0 ? static_cast<uint64_t>(most) : 0;
 }
 
@@ -145,7 +125,7 @@ int32_t plan(ChipHandle *chip, SweepPlan &plan) {
   plan.sweeps = static_cast<uint32_t>(setting(set, "FrameStitch"));
   plan.signals_start = setting(set, "SignalStartOfSweep") == 1;
   plan.scale = CHIP(frameScale)(set);
-  plan.expected_seconds = sweepSeconds(set);
+  plan.expected_seconds = CHIP(sweepTiming)(set).sweep_seconds;
   plan.largest_counter = largestCounter(set);
   plan.positions.assign(plan.sweeps, {});
   if (plan.sweeps < 2) return kSuccess;
@@ -198,6 +178,17 @@ void counters(const SweepPlan &plan, const uint8_t *image, uint32_t *counters) {
 }  // namespace
 
 const SweepDriver &CHIP(Sweeps)() {
-  static constexpr SweepDriver driver = {plan, abortSweep, position, start, rest, status, load, readMemory, counters};
+  static constexpr SweepDriver driver = {plan,
+                                         abortSweep,
+                                         position,
+                                         start,
+                                         rest,
+                                         status,
+                                         load,
+                                         readMemory,
+                                         counters,
+                                         CHIP(sweepTiming),
+                                         CHIP(checkSettings),
+                                         CHIP(calibrate)};
   return driver;
 }
