@@ -36,9 +36,9 @@ def check_links(text):
 
 
 def check_names(text):
-    for name in set(re.findall(r"\b(?:QTX|QTXSim|FTx232H)_[A-Z]\w+\b(?!\.)", text)) - KNOWN:
+    for name in set(re.findall(r"\b(?:QTX|QTXSim|FTx232H)_[A-Z]\w+\b(?!\.)", text)) - DECLARED:
         yield f"{name} is in no header"
-    for name in set(re.findall(r"PULSEKIT\w+\w", text)) - KNOWN:
+    for name in set(re.findall(r"PULSEKIT\w+\w", text)) - OPTIONS:
         yield f"{name}: no such option or environment variable"
 
 
@@ -84,8 +84,13 @@ def check_commands(text, folder):
             yield f"{command}: exit code {run.returncode}: {run.stderr}"
 
 
-sources = [p for pattern in ("*.h", "*.cpp", "*.txt", "*.cmake") for p in ROOT.rglob(pattern) if "build" not in p.parts]
-KNOWN = set(re.findall(r"\w+", "\n".join(path.read_text() for path in sources)))
+def words(*patterns):
+    paths = [path for pattern in patterns for path in ROOT.rglob(pattern) if "build" not in path.parts]
+    return set(re.findall(r"\w+", "\n".join(path.read_text() for path in paths)))
+
+
+DECLARED = words("*.h")
+OPTIONS = words("*.cpp", "CMakeLists.txt")
 LIBRARY = ctypes.CDLL(str(BUILD / "libPulsekit3.so"))
 SIMULATOR = ctypes.CDLL(str(BUILD / "libPulsekit3Simulator.so"))
 SIMULATOR.QTXSim_AddRadar(b"FT0001AB", None, 0, b"QTX-K245", b"QTX3701")
