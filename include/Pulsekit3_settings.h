@@ -38,8 +38,8 @@ QTX_API int32_t QTX_VarsSetMany(QTX_Handle *handle, const char *const *names, co
 
 /* What the settings as they are mean for a frame. Nothing is read from the radar. */
 typedef struct QTX_FrameGeometry {
-  uint32_t size;     /* sizeof(QTX_FrameGeometry), filled in by the caller */
-  uint32_t samplers; /* entries of a frame */
+  uint32_t size;                  /* sizeof(QTX_FrameGeometry), filled in by the caller */
+  uint32_t samplers;              /* entries of a frame */
   double first_time, time_step;   /* s after the pulse: entry k is the level at first_time + k * time_step */
   double first_range, range_step; /* m: the same for the way there and back at the speed of light */
   double sweep_time;              /* s: all sweeps of one frame; 0 where no sweep runs */
@@ -51,15 +51,17 @@ typedef struct QTX_FrameGeometry {
 /* Codes: 1025, 1 (null, or size too small), 770, 4 (a chip that takes no frames), 269, 1541 (SamplesPerSecond is 0). */
 QTX_API int32_t QTX_GetFrameGeometry(QTX_Handle *handle, QTX_FrameGeometry *geometry);
 
-/* Writes the settings that can't give a good frame, one a line: "<name>: <what is wrong>: <remedy>\n", nothing where all
-   is well; *findings tells how many. A null text with size 0 only counts. Nothing is read from the radar.
-   Codes: 1025, 1, 770, 4 (a chip that takes no frames), 2 (*findings is right all the same). */
+/* Writes the settings that can't give a good frame, one a line: "<name>: <what is wrong>: <remedy>\n", nothing where
+   all is well; *findings tells how many. A null text with size 0 only counts. Nothing is read from the radar. Codes:
+   1025, 1, 770, 4 (a chip that takes no frames), 2 (*findings is right all the same). */
 QTX_API int32_t QTX_CheckSettings(QTX_Handle *handle, char *text, int32_t size, int32_t *findings);
 
-/* Calibrates the delay lines and the sampling rate: switches the timing measurement on, runs the action MeasureAll, and puts
-   the sampling window where the new results say. Takes seconds; QTX_Cancel ends it. The results are kept in block
+/* Calibrates the delay lines and the sampling rate: switches the timing measurement on, runs the action MeasureAll, and
+   puts the sampling window where the new results say. Takes seconds; QTX_Cancel ends it. The results are kept in block
    `store_block` of the board's flash (4 KiB each, see QTX_TimingMeasurementSaveDataToFlash); -1: they are not.
-   Codes: 1025, 1 (no such block), 770, 4, 269, 1540, and those of measuring and of the flash. */
+   A calibration that fails or is cancelled leaves settings and results as they were.
+   Codes: 1025, 1 (no such block), 770, 4, 269, 771 (nothing was measured), 1540, and those of measuring and of the
+   flash. */
 QTX_API int32_t QTX_Calibrate(QTX_Handle *handle, int32_t store_block);
 
 #ifdef __cplusplus

@@ -108,7 +108,7 @@ int32_t QTX_CheckSettings(QTX_Handle *handle, char *text, int32_t size, int32_t 
   return origin(handle->error, HERE, kOutOfMemory);
 }
 
-int32_t QTX_Calibrate(QTX_Handle *handle, int32_t store_block) {
+int32_t QTX_Calibrate(QTX_Handle *handle, int32_t store_block) try {
   const CallScope scope(handle);
   if (int32_t code = checkCall(handle, HERE)) return code;
   if (store_block < -1) return origin(handle->error, HERE, kError, "There is no such block");
@@ -122,6 +122,8 @@ int32_t QTX_Calibrate(QTX_Handle *handle, int32_t store_block) {
     return passThrough(handle->error, HERE, code);
   }
   return kSuccess;
+} catch (const std::bad_alloc &) {
+  return origin(handle->error, HERE, kOutOfMemory);
 }
 
 }  // extern "C"

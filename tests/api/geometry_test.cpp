@@ -11,7 +11,10 @@ using Settings = std::vector<std::pair<const char *, const char *>>;
 
 class Geometry : public Bench {
  protected:
-  Geometry() { addRadar(); }
+  Geometry() {
+    addRadar();
+    cancelAtWrites(radar);
+  }
   void open(const std::string &chip = "QTX3701") {
     ASSERT_EQ(QTX_OpenRadar(radar, connection("QTX-K245", chip).c_str()), 0);
   }
@@ -112,6 +115,7 @@ TEST_F(Geometry, NamesSettingsThatGiveNoGoodFrame) {
       {{{"CounterMSb", "0"}, {"CounterLSb", "8"}}, "CounterMSb: it is below CounterLSb"},
       {{{"SamplesPerSecond", "0"}}, "SamplesPerSecond: "},
       {{{"DelayMediumTune", "6e-11"}}, "SampleDelay: the window stands where other delay steps"},
+      {{{"OffsetDistanceFromReference", "1"}}, "PRFDivide: the frame ends 13782 ps after a pulse"},
       {{{"RadarModulePower", "PowerOff"}}, "RadarModulePower: the radar is switched off"},
   };
   for (const auto &[settings, expected] : cases) {
@@ -133,7 +137,8 @@ TEST_F(Geometry, NamesSettingsThatGiveNoGoodFrame) {
 // The window stands where it is asked to, within half a medium step, whatever came before.
 TEST_F(Geometry, CalibrationPutsTheWindowWhereTheSettingsSay) {
   open();
-  for (const char *before : {"", "power cycle", "loaded record"}) {
+  for (const char *before : {"", "power cycle", "silent loss of power", "loaded record"}) {
+    if (*before == 's') QTXSim_PowerCycle(0);
     if (*before == 'p') {
       ASSERT_EQ(QTX_PowerOffRadar(radar) || QTX_PowerOnRadar(radar), 0);
     }
@@ -149,6 +154,14 @@ TEST_F(Geometry, CalibrationPutsTheWindowWhereTheSettingsSay) {
     EXPECT_EQ(QTXSim_TrueWindowStart(0, &window), 0);
     EXPECT_NEAR(window, asked, 60e-12) << before;
   }
+  const auto kept = settings(radar);
+  writes_left = 2000;
+  EXPECT_EQ(QTX_Calibrate(radar, -1), 1537);
+  EXPECT_EQ(settings(radar), kept);
+  EXPECT_EQ(findings(), "");
+  QTXSim_SetReferenceClock(0, 0);
+  EXPECT_NE(QTX_Calibrate(radar, -1), 0);
+  EXPECT_EQ(settings(radar), kept);
 }
 
 }  // namespace

@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <iterator>
 #include <string>
+#include <vector>
 
+#include "../../support/handle_state.h"
 #include "QTX3701-frames.h"
 #include "QTX3701-timing.h"
 
@@ -95,6 +97,57 @@ void checkWindow(VariableSet *set, Findings &findings) {
     findings.add("SampleDelay", "the window stands where other delay steps than the present ones have put it",
                  "calibrate, or set SampleDelay anew");
   }
+  const double pulses = CHIP(sweepTiming)(set).pulse_rate;
+  const double end = realSetting(set, "SampleDelay") + number(set, "FrameStitch") * realSetting(set, "FrameSize");
+  if (pulses > 0 && end * pulses > 1) {
+    findings.add("PRFDivide",
+                 "the frame ends " + text(end * 1e12) + " ps after a pulse, the next pulse comes after " +
+                     text(1e12 / pulses) + " ps",
+                 "set it to " + text(std::ceil(end * CHIP(MCLK_frequency)(set))) + " or more");
+  }
+}
+
+// Settings and calibration as they were, for a calibration that fails.
+class Before {
+ public:
+  explicit Before(ChipHandle *chip)
+      : chip_(chip),
+        record_(*timingRecordOf(chip->variables)),
+        prepared_elsewhere_(chip->prepared_elsewhere),
+        variables_(chip->variables->variables, chip->variables->variables + chip->variables->count) {}
+
+  void putBack() const {
+    VariableSet *set = chip_->variables;
+    const std::vector<Variable> reached(set->variables, set->variables + set->count);
+    std::copy(variables_.begin(), variables_.end(), set->variables);
+    *timingRecordOf(set) = record_;
+    chip_->prepared_elsewhere = prepared_elsewhere_;
+    for (int32_t i = 0; i < set->count; ++i) {
+      Variable *variable = &set->variables[set->order[i].index];
+      if (variable->value != reached[static_cast<size_t>(varIndex(set, variable))].value)
+        varUpdateBackend(set, variable);
+    }
+  }
+
+ private:
+  ChipHandle *chip_;
+  TimingRecord record_;
+  uint32_t prepared_elsewhere_;
+  std::vector<Variable> variables_;
+};
+
+int32_t measureAndApply(ChipHandle *chip) {
+  VariableSet *set = chip->variables;
+  // A chip that has lost its power in between knows none of its settings.
+  if (int32_t code = varsUpdateAllBackends(set)) return code;
+  if (int32_t code = CHIP(TMeasPrepare)(set)) return code;
+  if (int32_t code = CHIP(measurementAll)(set)) return code;
+  for (const char *name : {"DelayCoarseTune", "DelayMediumTune", "SamplesPerSecond"}) {
+    const double value = realSetting(set, name);
+    if (std::isfinite(value) && value > 0) continue;
+    return origin(chip->error_state, HERE, kTimingMeasurement, std::string(name) + " was measured as 0");
+  }
+  return varNotifyDependers(set, varNamed(set, "SampleDelay"));
 }
 
 }  // namespace
@@ -130,12 +183,11 @@ void CHIP(checkSettings)(const ChipHandle *chip, Findings &findings) {
 }
 
 int32_t CHIP(calibrate)(ChipHandle *chip) {
-  VariableSet *set = chip->variables;
-  // Always, since what is noted as prepared may have lost its power meanwhile.
-  if (int32_t code = CHIP(TMeasPrepare)(set)) return passThrough(chip->error_state, HERE, code);
-  if (int32_t code = CHIP(measurementAll)(set)) return passThrough(chip->error_state, HERE, code);
-  if (int32_t code = varNotifyDependers(set, varNamed(set, "SampleDelay"))) {
-    return passThrough(chip->error_state, HERE, code);
-  }
-  return kSuccess;
+  if (!timingRecordOf(chip->variables)) return origin(chip->error_state, HERE, kChipNotInitialized);
+  const Before before(chip);
+  CHIP(EmptyPipeLine)(chip->access);
+  const int32_t code = measureAndApply(chip);
+  if (code == kSuccess) return kSuccess;
+  passThrough(chip->error_state, HERE, code);
+  return afterEndedWait(chip->error_state, code, [&] { before.putBack(); });
 }
