@@ -1,5 +1,9 @@
 // What the jobs of a host cost on the bus, counted and modelled by the simulated bench: the same on every machine.
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <utility>
+#include <vector>
 
 #include "pauses.h"
 #include "radar.h"
@@ -27,15 +31,108 @@ void measure(const Job &job) {
               milliseconds(cost.nanoseconds), milliseconds(pausedNanoseconds() - pauses));
 }
 
-}  // namespace
-}  // namespace pulsekit::benchmark
-
-int main() {
+void printJobs() {
   std::puts(
       "| job                             | calls |  out |   in |  bytes |  bytes |  SPI ms |   bus ms |  pauses |");
   std::puts(
       "|                                 |       |      |      |    out |     in |         |          |      ms |");
   std::puts("|---|---|---|---|---|---|---|---|---|");
-  for (const pulsekit::benchmark::Job &job : pulsekit::benchmark::jobs()) pulsekit::benchmark::measure(job);
+  for (const Job &job : jobs()) measure(job);
+}
+
+// ---- Frames a second -----------------------------------------------------------------------------------------------
+
+struct Mode {
+  const char *name;
+  std::vector<std::pair<const char *, const char *>> settings;
+};
+
+const Mode kModes[] = {{"default settings", {}},
+                       {"short sweeps", {{"Iterations", "1"}, {"PulsesPerStep", "9"}}},
+                       {"stitched 4-fold", {{"FrameStitch", "4"}}},
+                       {"every 8th sampler", {{"Downsampling", "3"}}}};
+constexpr const char *kClocks[] = {"6MHz", "15MHz", "30MHz"};
+constexpr uint64_t kSecond = 1'000'000'000, kRound = kSecond / 10, kStop = kRound / 5;
+
+void arrange(Radar &radar, const Mode &mode, const char *clock) {
+  radar.require(open(radar));
+  for (const auto &[name, text] : mode.settings) radar.require(setText(radar, name, text));
+  radar.require(setText(radar, "SPIClockFrequency", clock));
+}
+
+double single(const Mode &mode, const char *clock, bool pipelined) {
+  Radar radar;
+  arrange(radar, mode, clock);
+  radar.require(set(radar, "PipeLining", pipelined));
+  radar.require(QTX_GetFrameRaw(radar.handle, radar.raw.data(), radar.raw.size()));
+  const uint64_t start = QTXSim_Nanoseconds();
+  constexpr int frames = 20;
+  for (int i = 0; i < frames; ++i) {
+    radar.require(QTX_GetFrameRaw(radar.handle, radar.raw.data(), radar.raw.size()));
+  }
+  return frames * static_cast<double>(kSecond) / static_cast<double>(QTXSim_Nanoseconds() - start);
+}
+
+struct Streamed {
+  double rate;               // frames a second
+  double sweeping, reading;  // seconds of a frame
+  uint64_t lost;
+};
+
+Streamed streamed(const Mode &mode, const char *clock, uint64_t stop) {
+  Radar radar;
+  arrange(radar, mode, clock);
+  radar.require(QTX_StreamStart(radar.handle, nullptr));
+  uint32_t count = 0, samplers = 0;
+  radar.require(stream(radar, 1, count));
+  const uint64_t start = QTXSim_Nanoseconds();
+  uint64_t frames = 0;
+  for (uint64_t round = 1; round <= 10; ++round) {
+    while (QTXSim_Nanoseconds() < start + round * kRound - stop) {
+      radar.require(stream(radar, 4, count, &samplers));
+      frames += count;
+    }
+    QTXSim_Advance(stop);
+  }
+  const double passed = static_cast<double>(QTXSim_Nanoseconds() - start) / static_cast<double>(kSecond);
+  QTX_StreamStatistics statistics{};
+  statistics.size = sizeof statistics;
+  radar.require(QTX_StreamStatus(radar.handle, &statistics));
+  uint64_t stitches = 0, bytes = 0;
+  radar.require(QTX_VarGetValue_ByName(radar.handle, "FrameStitch", &stitches));
+  radar.require(QTX_VarGetValue_ByName(radar.handle, "BytesPerCounter", &bytes));
+  return {static_cast<double>(frames) / passed, statistics.sweep_time * static_cast<double>(stitches),
+          static_cast<double>(samplers * bytes * 8) / (std::atof(clock) * 1e6), statistics.lost};
+}
+
+void printRates() {
+  std::puts(
+      "| settings          |   SPI |  sweep | reading |  limit | single | pipelined | streamed |      | stops |      "
+      "|");
+  std::puts(
+      "|                   |       |     ms |      ms |    1/s |    1/s |       1/s |      1/s |    % |   1/s | lost "
+      "|");
+  std::puts("|---|---|---|---|---|---|---|---|---|---|---|");
+  letPausesPass(true);
+  for (const Mode &mode : kModes) {
+    for (const char *clock : kClocks) {
+      const Streamed steady = streamed(mode, clock, 0), stopping = streamed(mode, clock, kStop);
+      const double limit = 1 / std::max(steady.sweeping, steady.reading);
+      std::printf("| %-17s | %5s | %6.3f | %7.3f | %6.1f | %6.1f | %9.1f | %8.1f | %4.1f | %5.1f | %4llu |\n",
+                  mode.name, clock, steady.sweeping * 1e3, steady.reading * 1e3, limit, single(mode, clock, false),
+                  single(mode, clock, true), steady.rate, steady.rate / limit * 100, stopping.rate,
+                  static_cast<unsigned long long>(stopping.lost));
+    }
+  }
+  letPausesPass(false);
+}
+
+}  // namespace
+}  // namespace pulsekit::benchmark
+
+int main() {
+  pulsekit::benchmark::printJobs();
+  std::puts("");
+  pulsekit::benchmark::printRates();
   return 0;
 }

@@ -10,6 +10,7 @@
 
 #include "Pulsekit3.h"
 #include "Pulsekit3Simulator.h"
+#include "Pulsekit3_stream.h"
 #include "interface/FTx232H/FTx232H.h"
 
 namespace pulsekit::benchmark {
@@ -65,9 +66,20 @@ inline int32_t set(Radar &radar, const char *name, int64_t value) {
   return QTX_VarSetIntValue_ByName(radar.handle, name, value);
 }
 
+inline int32_t setText(Radar &radar, const char *name, const char *text) {
+  return QTX_VarSetValue_ByString(radar.handle, name, text);
+}
+
 inline int32_t get(Radar &radar, const char *name) {
   uint64_t value = 0;
   return QTX_VarGetValue_ByName(radar.handle, name, &value);
+}
+
+inline int32_t stream(Radar &radar, uint32_t frames, uint32_t &count, uint32_t *samplers = nullptr) {
+  QTX_FrameInfo info{};
+  const int32_t code = QTX_StreamRead(radar.handle, radar.raw.data(), radar.raw.size(), &info, frames, &count, 1000);
+  if (samplers) *samplers = info.samplers;
+  return code;
 }
 
 // One threshold only, so that the table has one line.
@@ -100,6 +112,12 @@ inline const std::vector<Job> &jobs() {
       {"normalized frame", true, [](Radar &r) { return QTX_GetFrameNormalized(r.handle, r.normalized.data(), 4096); }},
       {"raw frame, pipelined", true, [](Radar &r) { return QTX_GetFrameRaw(r.handle, r.raw.data(), r.raw.size()); },
        [](Radar &r) { return set(r, "PipeLining", 1); }},
+      {"raw frame, streamed", true,
+       [](Radar &r) {
+         uint32_t count = 0;
+         return stream(r, 1, count);
+       },
+       [](Radar &r) { return QTX_StreamStart(r.handle, nullptr); }},
       {"CDF line", true, [](Radar &r) { return QTX_GetCDF(r.handle, r.raw.data(), 4096); }, chooseOneLine},
       {"settings to file", true, save},
       {"settings from file, unchanged", true, load, save},
