@@ -52,7 +52,7 @@ const Mode kModes[] = {{"default settings", {}},
                        {"stitched 4-fold", {{"FrameStitch", "4"}}},
                        {"every 8th sampler", {{"Downsampling", "3"}}}};
 constexpr const char *kClocks[] = {"6MHz", "15MHz", "30MHz"};
-constexpr uint64_t kSecond = 1'000'000'000, kRound = kSecond / 10, kStop = kRound / 5;
+constexpr uint64_t kSecond = 1'000'000'000, kRounds = 10, kRound = kSecond / kRounds, kStop = kRound / 5;
 
 void arrange(Radar &radar, const Mode &mode, const char *clock) {
   radar.require(open(radar));
@@ -83,13 +83,17 @@ Streamed streamed(const Mode &mode, const char *clock, uint64_t stop) {
   Radar radar;
   arrange(radar, mode, clock);
   radar.require(QTX_StreamStart(radar.handle, nullptr));
-  uint32_t count = 0, samplers = 0;
-  radar.require(stream(radar, 1, count));
-  const uint64_t start = QTXSim_Nanoseconds();
-  uint64_t frames = 0;
-  for (uint64_t round = 1; round <= 10; ++round) {
-    while (QTXSim_Nanoseconds() < start + round * kRound - stop) {
-      radar.require(stream(radar, 4, count, &samplers));
+  QTX_FrameInfo last{};
+  uint64_t frames = 0, start = QTXSim_Nanoseconds();
+  const uint64_t begun = start;
+  for (uint64_t round = 0; round <= kRounds; ++round) {
+    if (round == 1) {  // as many frames wait for the host as in the end
+      frames = 0;
+      start = QTXSim_Nanoseconds();
+    }
+    while (QTXSim_Nanoseconds() < begun + (round + 1) * kRound - stop) {
+      uint32_t count = 0;
+      radar.require(stream(radar, count, 4, &last));
       frames += count;
     }
     QTXSim_Advance(stop);
@@ -102,7 +106,7 @@ Streamed streamed(const Mode &mode, const char *clock, uint64_t stop) {
   radar.require(QTX_VarGetValue_ByName(radar.handle, "FrameStitch", &stitches));
   radar.require(QTX_VarGetValue_ByName(radar.handle, "BytesPerCounter", &bytes));
   return {static_cast<double>(frames) / passed, statistics.sweep_time * static_cast<double>(stitches),
-          static_cast<double>(samplers * bytes * 8) / (std::atof(clock) * 1e6), statistics.lost};
+          static_cast<double>(last.samplers * bytes * 8) / (std::atof(clock) * 1e6), statistics.lost};
 }
 
 void printRates() {

@@ -75,10 +75,11 @@ inline int32_t get(Radar &radar, const char *name) {
   return QTX_VarGetValue_ByName(radar.handle, name, &value);
 }
 
-inline int32_t stream(Radar &radar, uint32_t frames, uint32_t &count, uint32_t *samplers = nullptr) {
-  QTX_FrameInfo info{};
-  const int32_t code = QTX_StreamRead(radar.handle, radar.raw.data(), radar.raw.size(), &info, frames, &count, 1000);
-  if (samplers) *samplers = info.samplers;
+// What is there of a stream, at most four frames.
+inline int32_t stream(Radar &radar, uint32_t &count, uint32_t most = 4, QTX_FrameInfo *last = nullptr) {
+  QTX_FrameInfo infos[4] = {};
+  const int32_t code = QTX_StreamRead(radar.handle, radar.raw.data(), radar.raw.size(), infos, most, &count, 1000);
+  if (last && count > 0) *last = infos[count - 1];
   return code;
 }
 
@@ -115,7 +116,7 @@ inline const std::vector<Job> &jobs() {
       {"raw frame, streamed", true,
        [](Radar &r) {
          uint32_t count = 0;
-         return stream(r, 1, count);
+         return stream(r, count, 1);
        },
        [](Radar &r) { return QTX_StreamStart(r.handle, nullptr); }},
       {"CDF line", true, [](Radar &r) { return QTX_GetCDF(r.handle, r.raw.data(), 4096); }, chooseOneLine},
