@@ -2,9 +2,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
+#include <string>
 #include <utility>
 #include <vector>
 
+#include "Pulsekit3_settings.h"
 #include "pauses.h"
 #include "radar.h"
 
@@ -131,6 +134,72 @@ void printRates() {
   letPausesPass(false);
 }
 
+// ---- Settings in groups --------------------------------------------------------------------------------------------
+
+struct Texts {
+  std::vector<std::string> names, values;
+};
+
+// Whole-number settings of the radar, at most so many, each with another value than it has.
+Texts otherValues(Radar &radar, size_t most) {
+  if (most == 1) return {{"PulsesPerStep"}, {"21"}};
+  std::string list(16384, '\0');
+  radar.require(QTX_ListVariables(radar.handle, list.data(), static_cast<int32_t>(list.size())));
+  std::istringstream names(list.c_str());
+  Texts texts;
+  for (std::string name; texts.names.size() < most && std::getline(names, name, QTX_ListDelimiter());) {
+    uint64_t min = 0, max = 0;
+    uint32_t type = 0, writable = 0, automatic = 0;
+    int64_t value = 0;
+    const bool tunes = name == "DCOTargetFrequency" || name == "RadarModulePower";
+    if (tunes || QTX_VarGetType_ByName(radar.handle, name.c_str(), &type) ||
+        !QTX_VarTypeIsInt(static_cast<uint16_t>(type)))
+      continue;
+    if (QTX_VarGetIntProperties_ByName(radar.handle, name.c_str(), &min, &max, &writable, &automatic)) continue;
+    if (!writable || QTX_VarGetIntValue_ByName(radar.handle, name.c_str(), &value)) continue;
+    texts.names.push_back(name);
+    texts.values.push_back(std::to_string(value < static_cast<int64_t>(max) ? value + 1 : value - 1));
+  }
+  return texts;
+}
+
+QTXSim_Statistics costOfSetting(size_t most, bool together, size_t &count) {
+  Radar radar;
+  radar.require(open(radar));
+  const Texts texts = otherValues(radar, most);
+  count = texts.names.size();
+  std::vector<const char *> names, values;
+  for (size_t i = 0; i < count; ++i) {
+    names.push_back(texts.names[i].c_str());
+    values.push_back(texts.values[i].c_str());
+  }
+  QTXSim_ResetStatistics();
+  uint32_t changes = 0;
+  if (together) {
+    radar.require(
+        QTX_VarsSetMany(radar.handle, names.data(), values.data(), static_cast<uint32_t>(count), nullptr, &changes));
+  } else {
+    for (size_t i = 0; i < count; ++i) radar.require(setText(radar, names[i], values[i]));
+  }
+  QTXSim_Statistics cost{};
+  QTXSim_GetStatistics(&cost);
+  return cost;
+}
+
+void printGroups() {
+  std::puts("| settings | single: out |   in |  bus ms | group: out |   in |  bus ms |");
+  std::puts("|---|---|---|---|---|---|---|");
+  for (const size_t most : {size_t{1}, size_t{10}, SIZE_MAX}) {
+    size_t count = 0;
+    const QTXSim_Statistics single = costOfSetting(most, false, count), group = costOfSetting(most, true, count);
+    std::printf("| %8zu | %11llu | %4llu | %7.2f | %10llu | %4llu | %7.2f |\n", count,
+                static_cast<unsigned long long>(single.out_transfers),
+                static_cast<unsigned long long>(single.in_transfers), milliseconds(single.nanoseconds),
+                static_cast<unsigned long long>(group.out_transfers),
+                static_cast<unsigned long long>(group.in_transfers), milliseconds(group.nanoseconds));
+  }
+}
+
 }  // namespace
 }  // namespace pulsekit::benchmark
 
@@ -138,5 +207,7 @@ int main() {
   pulsekit::benchmark::printJobs();
   std::puts("");
   pulsekit::benchmark::printRates();
+  std::puts("");
+  pulsekit::benchmark::printGroups();
   return 0;
 }
