@@ -38,14 +38,16 @@ QTX_API int32_t QTX_VarsSetMany(QTX_Handle *handle, const char *const *names, co
 
 /* What the settings as they are mean for a frame. Nothing is read from the radar. */
 typedef struct QTX_FrameGeometry {
-  uint32_t size;                  /* sizeof(QTX_FrameGeometry), filled in by the caller */
-  uint32_t samplers;              /* entries of a frame */
-  double first_time, time_step;   /* s after the pulse: entry k is the level at first_time + k * time_step */
-  double first_range, range_step; /* m: the same for the way there and back at the speed of light */
-  double sweep_time;              /* s: all sweeps of one frame; 0 where no sweep runs */
-  double frame_time;              /* s: a frame as a single capture, USB transfers as they are on an idle bus */
-  double pulse_rate;              /* Hz; 0 without a master clock */
-  double unambiguous_range;       /* m: echoes from farther away meet the next pulse; 0 without a master clock */
+  uint32_t size;            /* sizeof(QTX_FrameGeometry), filled in by the caller */
+  uint32_t samplers;        /* entries of a frame */
+  double first_time;        /* s after the pulse: entry k is the level at first_time + k * time_step */
+  double time_step;         /* s */
+  double first_range;       /* m: half the way that light goes in first_time */
+  double range_step;        /* m */
+  double sweep_time;        /* s: all sweeps of one frame; 0 where no sweep runs */
+  double frame_time;        /* s: a frame as a single capture, USB transfers as they are on an idle bus */
+  double pulse_rate;        /* Hz; 0 without a master clock */
+  double unambiguous_range; /* m: echoes from farther away meet the next pulse; 0 without a master clock */
 } QTX_FrameGeometry;
 
 /* Codes: 1025, 1 (null, or size too small), 770, 4 (a chip that takes no frames), 269, 1541 (SamplesPerSecond is 0). */
