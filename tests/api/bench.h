@@ -10,9 +10,33 @@
 
 #include "Pulsekit3Simulator.h"
 #include "Pulsekit3_control.h"
-#include "fakes.h"
 
-namespace pulsekit::test {
+// Names of its own: other tests have other hosts.
+namespace pulsekit::test::bench {
+
+inline std::string description(QTX_Handle *handle, int32_t code = 0) {
+  char text[4096];
+  QTX_GetErrorDescription(handle, text, sizeof text, code);
+  return text;
+}
+
+// Owns a library handle; closes and frees it.
+class Library {
+ public:
+  Library() { QTX_InitHandle(&handle_); }
+  ~Library() {
+    QTX_FrameLoggingStop(handle_);
+    QTX_FreeHandle(&handle_);
+  }
+  Library(const Library &) = delete;
+  Library &operator=(const Library &) = delete;
+  QTX_Handle *get() const { return handle_; }
+  operator QTX_Handle *() const { return handle_; }  // NOLINT: stands for the handle in calls
+  QTX_Handle *operator->() const { return handle_; }
+
+ private:
+  QTX_Handle *handle_ = nullptr;
+};
 
 class Bench : public testing::Test {
  protected:
@@ -95,4 +119,8 @@ inline std::map<std::string, Setting> settings(QTX_Handle *handle) {
   return all;
 }
 
-}  // namespace pulsekit::test
+}  // namespace pulsekit::test::bench
+
+namespace pulsekit::test {
+using namespace bench;  // NOLINT: for the tests that include this
+}

@@ -1,10 +1,9 @@
-// Frames and the frame log, on a chip that gives a known frame.
+// Frames, normalized or not, the frame log, the sampler distribution and the timing measurement as hosts get them.
 #include <algorithm>
 #include <limits>
 #include <regex>
 
-#include "fakes.h"
-#include "files.h"
+#include "host.h"
 
 namespace pulsekit::test {
 namespace {
@@ -13,244 +12,143 @@ constexpr uint32_t kFrame[] = {17, 0, 0xffffffff, 5};
 constexpr int32_t kLength = 4;
 
 struct Capture {
-  int32_t calls = 0, capacity = 0, count = 0;
+  int32_t capacity = 0, count = 0, code = 0, normalize_code = 0;
   uint64_t option = 99;
-  int32_t code = 0, normalize_code = 0;
-} capture;
-
-int32_t captureFrame(ChipHandle *, uint32_t *frame, int32_t capacity, uint64_t option) {
-  ++capture.calls;
-  capture.capacity = capacity;
-  capture.option = option;
-  if (capture.code) return capture.code;
-  std::copy_n(kFrame, std::clamp(capacity, 0, kLength), frame);
-  return 0;
-}
+} asked;
 
 template <typename Value>
 int32_t normalize(ChipHandle *, const uint32_t *raw, Value *frame, int32_t count) {
-  capture.count = count;
+  asked.count = count;
   for (int32_t i = 0; i < count; ++i) frame[i] = static_cast<Value>(raw[i]) / 8;
-  return capture.normalize_code;
+  return asked.normalize_code;
 }
 
-class Frames : public testing::Test {
+// A chip that gives a known frame of four.
+class Frames : public Radar {
  protected:
   Frames() {
-    capture = {};
-    radar.chip_set.add("SamplersPerFrame", VAR_FLAG_INT, kLength);
-    radar.chip.operations.CaptureFrame = captureFrame;
-    radar.chip.operations.NormalizeFrameDouble = normalize<double>;
-    radar.chip.operations.NormalizeFrameFloat = normalize<float>;
+    asked = {};
+    named("SamplersPerFrame").value = kLength;
+    handle->chip->operations.CaptureFrame = [](ChipHandle *, uint32_t *frame, int32_t capacity, uint64_t option) {
+      asked.capacity = capacity, asked.option = option;
+      if (asked.code == 0) std::copy_n(kFrame, std::clamp(capacity, 0, kLength), frame);
+      return asked.code;
+    };
+    handle->chip->operations.NormalizeFrameDouble = normalize<double>;
+    handle->chip->operations.NormalizeFrameFloat = normalize<float>;
+  }
+  std::string events() override { return ""; }
+  std::string request() {
+    return format("capacity %d option %llu normalized %d [%u] [%.9g %.9g] [%.9g]", asked.capacity,
+                  static_cast<unsigned long long>(asked.option), asked.count, raw[0], wide[0], wide[4],
+                  static_cast<double>(single[0]));
+  }
+  int32_t getRaw(uint64_t capacity = 6) { return QTX_GetFrameRaw(handle, raw, capacity); }
+  int32_t getWide(int64_t capacity = 6, uint64_t option = 0) {
+    return QTX_GetFrameNormalizedDouble(handle, wide, capacity, option);
+  }
+  int32_t getSingle(int64_t capacity = 6, uint64_t option = 0) {
+    return QTX_GetFrameNormalizedFloat(handle, single, capacity, option);
+  }
+  int32_t log(int32_t flags, int32_t precision = 3) {
+    return QTX_FrameLoggingStart(handle, path.c_str(), flags, precision);
+  }
+  // The file with its times replaced: texts as they are, binaries as bytes.
+  std::string logged(bool binary) {
+    const int32_t code = QTX_FrameLoggingStop(handle);
+    const std::string text = contents(path);
+    if (!binary)
+      return std::to_string(code) + " " +
+             std::regex_replace(text, std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}"), "TIME");
+    std::string shown = std::to_string(code);
+    for (size_t at = 0; at < text.size(); ++at) {
+      uint64_t stamp = 0;
+      if (at + 8 <= text.size()) std::memcpy(&stamp, text.data() + at, 8);
+      const bool time = stamp <= QTX_timestamp_us() && stamp + 60'000'000 > QTX_timestamp_us() && at >= 32;
+      shown += " " + (time ? "TIME" : hex(text.data() + at, 1));
+      at += time ? 7 : 0;
+    }
+    return shown;
   }
 
-  void log(int32_t flags, int32_t precision = 3) {
-    ASSERT_EQ(QTX_FrameLoggingStart(handle, path.c_str(), flags, precision), 0);
-  }
-
-  FakeRadar radar;
-  QTX_Handle *handle = radar.library;
   Folder folder;
   std::string path = folder.file("frames.log");
   uint32_t raw[6] = {1, 1, 1, 1, 1, 1};
-  double normalized[6] = {1, 1, 1, 1, 1, 1};
+  double wide[6] = {1, 1, 1, 1, 1, 1};
   float single[6] = {1, 1, 1, 1, 1, 1};
 };
 
-TEST_F(Frames, CapacitiesAreClampedAndNeverTruncated) {
-  const std::pair<uint64_t, int32_t> raw_cases[] = {{0, 0},
-                                                    {1, 1},
-                                                    {6, 6},
-                                                    {uint64_t{1} << 40, 0x7fffffff},
-                                                    {(uint64_t{1} << 32) + 1, 0x7fffffff},
-                                                    {~uint64_t{0}, 0x7fffffff}};
-  for (const auto &[capacity, seen] : raw_cases) {
-    EXPECT_EQ(QTX_GetFrameRaw(handle, raw, capacity), 0);
-    EXPECT_EQ(capture.capacity, seen) << capacity;
+TEST_F(Frames, CapacitiesAreClampedAndOptionsAndFailuresHandedOn) {
+  for (uint64_t capacity :
+       {uint64_t{0}, uint64_t{1}, uint64_t{6}, uint64_t{1} << 40, (uint64_t{1} << 32) + 1, ~uint64_t{0}})
+    DO_FOR("raw", getRaw(capacity), request());
+  for (int64_t capacity :
+       {int64_t{0}, int64_t{-1}, int64_t{1}, int64_t{6}, int64_t{1} << 40, std::numeric_limits<int64_t>::min()}) {
+    DO_FOR(capacity, getWide(capacity, 0x123456789), request(), getSingle(capacity, 5), request(),
+           QTX_GetFrameNormalized(handle, wide, capacity), request());
   }
-  const std::pair<int64_t, int32_t> normalized_cases[] = {
-      {0, 0}, {-1, 0}, {1, 1}, {6, 6}, {int64_t{1} << 40, 0x10000}, {std::numeric_limits<int64_t>::min(), 0}};
-  for (const auto &[capacity, seen] : normalized_cases) {
-    EXPECT_EQ(QTX_GetFrameNormalizedDouble(handle, normalized, capacity, 0), 0);
-    EXPECT_EQ(capture.capacity, seen) << capacity;
-    EXPECT_EQ(capture.count, std::min(seen, kLength)) << capacity;
-  }
-  EXPECT_EQ(raw[4], 1u);
-  EXPECT_EQ(normalized[4], 1.0);
+  DO((asked.code = 2, getRaw()), getWide(), getSingle(), (asked.code = 0, asked.normalize_code = 1286, getWide()),
+     getSingle());
+  handle->chip->operations.NormalizeFrameDouble = nullptr, handle->chip->operations.NormalizeFrameFloat = nullptr;
+  DO(getWide(), getSingle());
 }
 
-TEST_F(Frames, TheOptionReachesTheCapture) {
-  EXPECT_EQ(QTX_GetFrameNormalizedDouble(handle, normalized, 6, 0x123456789), 0);
-  EXPECT_EQ(capture.option, 0x123456789u);
-  EXPECT_EQ(QTX_GetFrameNormalized(handle, normalized, 6), 0);
-  EXPECT_EQ(capture.option, 0u);
-  EXPECT_EQ(QTX_GetFrameNormalizedFloat(handle, single, 6, 5), 0);
-  EXPECT_EQ(capture.option, 5u);
-  EXPECT_EQ(single[0], 17.0f / 8);
-}
-
-TEST_F(Frames, FailuresCarryTheirTracePoints) {
-  capture.code = 2;
-  EXPECT_EQ(QTX_GetFrameRaw(handle, raw, 6), 2);
-  EXPECT_NE(description(handle).find("QTX_GetFrameRaw in src/Pulsekit3:1130"), std::string::npos);
-  EXPECT_EQ(QTX_GetFrameNormalizedDouble(handle, normalized, 6, 0), 2);
-  EXPECT_NE(description(handle).find("QTX_GetFrameNormalizedDouble in src/Pulsekit3:1200"), std::string::npos);
-  EXPECT_EQ(QTX_GetFrameNormalizedFloat(handle, single, 6, 0), 2);
-  EXPECT_NE(description(handle).find("QTX_GetFrameNormalizedFloat in src/Pulsekit3:1312"), std::string::npos);
-  capture.code = 0;
-  capture.normalize_code = 1286;
-  EXPECT_EQ(QTX_GetFrameNormalizedDouble(handle, normalized, 6, 0), 1286);
-  EXPECT_NE(description(handle).find("QTX_GetFrameNormalizedDouble in src/Pulsekit3:1211"), std::string::npos);
-  EXPECT_EQ(QTX_GetFrameNormalizedFloat(handle, single, 6, 0), 1286);
-  EXPECT_NE(description(handle).find("QTX_GetFrameNormalizedFloat in src/Pulsekit3:1323"), std::string::npos);
-  radar.chip_set["SamplersPerFrame"].flags &= ~uint32_t{VAR_FLAG_VISIBLE};
-  EXPECT_EQ(QTX_GetFrameNormalizedDouble(handle, normalized, 6, 0), 1286) << "before the frame length is read";
-}
-
-constexpr char kStamp[] = "\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}";
-
-TEST_F(Frames, ATextLogHasALineForEachFrame) {
-  log(0x13);
-  EXPECT_EQ(QTX_GetFrameRaw(handle, raw, 6), 0);
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(QTX_GetFrameNormalizedDouble(handle, normalized, 2, 0), 0);
-  EXPECT_EQ(QTX_GetFrameNormalizedFloat(handle, single, 2, 0), 0);
-  const std::string printed = testing::internal::GetCapturedStdout();
-  EXPECT_EQ(QTX_FrameLoggingStop(handle), 0);
-  const std::string stamp = kStamp;
-  EXPECT_TRUE(std::regex_match(
-      contents(path), std::regex(stamp + ",17,0,-1,5\n" + stamp + ",2\\.125,0\\.000\n" + stamp + ",2\\.125,0\\.000\n")))
-      << contents(path);
-  EXPECT_TRUE(std::regex_match(printed, std::regex("(TimeStamp: " + stamp + "\\.\n){2}"))) << printed;
-}
-
-std::string word(uint64_t value, size_t size) {
-  std::string bytes;
-  for (size_t i = 0; i < size; ++i) bytes += static_cast<char>(value >> (8 * i));
-  return bytes;
-}
-
-std::string header(uint32_t samplers, char kind, char size) {
-  return "QTX1 " + std::string(5, '\0') + word(samplers, 4) + kind + size + std::string(16, '\0');
-}
-
-struct BinaryCase {
-  int32_t flags, precision;
-  char kind, size;
-  std::string values;  // of one raw and one normalized frame; each follows a timestamp
-};
-
-TEST_F(Frames, ABinaryLogIsAHeaderAndRecords) {
-  const std::string raw_values = word(17, 4) + word(0, 4) + word(0xffffffff, 4) + word(5, 4);
-  std::string floats, doubles;
-  for (const uint32_t value : kFrame) {
-    floats += word(std::bit_cast<uint32_t>(static_cast<float>(static_cast<double>(value) / 8)), 4);
-    doubles += word(bits(static_cast<double>(value) / 8), 8);
-  }
-  const BinaryCase cases[] = {
-      {0x21, 6, 1, 4, raw_values}, {0x22, 4, 2, 4, floats}, {0x22, 5, 2, 8, doubles}, {0x20, 6, 0, 0, ""}};
-  for (const BinaryCase &c : cases) {
-    log(c.flags, c.precision);
-    const uint64_t before = QTX_timestamp_us();
-    EXPECT_EQ(QTX_GetFrameRaw(handle, raw, 6), 0);
-    EXPECT_EQ(QTX_GetFrameNormalizedDouble(handle, normalized, 6, 0), 0);
-    EXPECT_EQ(QTX_FrameLoggingStop(handle), 0);
-    const std::string file = contents(path);
-    EXPECT_EQ(file.substr(0, 32), header(kLength, c.kind, c.size)) << c.flags;
-    if (c.values.empty()) {
-      EXPECT_EQ(file.size(), 32u);
-      continue;
+TEST_F(Frames, Logs) {
+  for (int32_t flags : {0x13, 0x11, 0x12, 0x01, 0x02, 0x31, 0x10, 0x23, 0x21, 0x22, 0x20}) {
+    for (int32_t precision : {3, 5}) {
+      testing::internal::CaptureStdout();
+      DO_FOR(format("%x %d", static_cast<unsigned>(flags), precision), log(flags, precision), getRaw(), getWide(2),
+             getSingle(3), logged(flags & 0x20 && !(flags & 0x10)), getRaw(1), contents(path).size() > 0);
+      say(std::regex_replace(testing::internal::GetCapturedStdout(),
+                             std::regex("\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}"), "TIME"));
     }
-    ASSERT_EQ(file.size(), 40 + c.values.size()) << c.flags;
-    uint64_t timestamp = 0;
-    std::memcpy(&timestamp, file.data() + 32, 8);
-    EXPECT_GE(timestamp, before);
-    EXPECT_LE(timestamp, QTX_timestamp_us());
-    EXPECT_EQ(file.substr(40), c.values) << c.flags << " " << c.precision;
   }
-}
-
-TEST_F(Frames, BothFlagsMixBothKindsAndTheHeaderSaysRaw) {
-  log(0x23, 6);
-  EXPECT_EQ(QTX_GetFrameNormalizedFloat(handle, single, 6, 0), 0);
-  EXPECT_EQ(QTX_GetFrameRaw(handle, raw, 6), 0);
-  EXPECT_EQ(QTX_FrameLoggingStop(handle), 0);
-  const std::string file = contents(path);
-  EXPECT_EQ(file.substr(0, 32), header(kLength, 1, 4));
-  EXPECT_EQ(file.size(), 32u + (8 + 4 * 8) + (8 + 4 * 4));
-}
-
-TEST_F(Frames, TextTogetherWithBinaryWritesTextWithoutAHeader) {
-  log(0x31);
-  EXPECT_EQ(QTX_GetFrameRaw(handle, raw, 1), 0);
-  EXPECT_EQ(QTX_FrameLoggingStop(handle), 0);
-  EXPECT_TRUE(std::regex_match(contents(path), std::regex(std::string(kStamp) + ",17\n"))) << contents(path);
-}
-
-TEST_F(Frames, NothingIsLoggedOfAKindThatWasNotAskedFor) {
-  log(0x12);
-  EXPECT_EQ(QTX_GetFrameRaw(handle, raw, 6), 0);
-  log(0x01);
-  EXPECT_EQ(QTX_GetFrameRaw(handle, raw, 6), 0);
-  EXPECT_EQ(QTX_FrameLoggingStop(handle), 0);
-  EXPECT_EQ(QTX_GetFrameRaw(handle, raw, 6), 0);
-  EXPECT_EQ(contents(path), "");
-}
-
-TEST_F(Frames, ALogThatCannotBeOpenedEndsTheOneThatWas) {
-  log(0x11);
-  EXPECT_EQ(QTX_FrameLoggingStart(handle, folder.file("missing/frames.log").c_str(), 0x11, 3), 6);
-  EXPECT_EQ(description(handle),
-            "ERROR 0x6: Could not open file - Could not open radar frame log file for write\r\n"
-            "   at: QTX_FrameLoggingStart in src/Pulsekit3:2414");
-  EXPECT_EQ(QTX_GetFrameRaw(handle, raw, 6), 0);
-  EXPECT_EQ(contents(path), "");
-  EXPECT_EQ(QTX_FrameLoggingStart(handle, folder.file("").c_str(), 0x21, 3), 6);
-  EXPECT_EQ(QTX_FrameLoggingStop(handle), 0);
-}
-
-TEST_F(Frames, AFullDiskIsToldAndTheFrameIsNotLost) {
-  EXPECT_EQ(QTX_FrameLoggingStart(handle, "/dev/full", 0x21, 3), 1);
-  EXPECT_EQ(description(handle),
-            "ERROR 0x1: Error - Could not write to radar frame log file\r\n"
-            "   at: QTX_FrameLoggingStart in src/Pulsekit3:2486");
-  const std::tuple<int32_t, bool, const char *> cases[] = {
-      {6, false, "QTX_GetFrameNormalizedDouble in src/Pulsekit3:1271"},
-      {4, false, "QTX_GetFrameNormalizedDouble in src/Pulsekit3:1262"},
-      {6, true, "QTX_GetFrameNormalizedFloat in src/Pulsekit3:1383"},
-      {4, true, "QTX_GetFrameNormalizedFloat in src/Pulsekit3:1374"}};
-  for (const auto &[precision, as_float, point] : cases) {
-    ASSERT_EQ(QTX_FrameLoggingStart(handle, "/dev/full", 0x02, precision), 0);
-    handle->frame_log_flags = 0x23;
-    normalized[3] = single[3] = 1;
-    EXPECT_EQ(as_float ? QTX_GetFrameNormalizedFloat(handle, single, 6, 0)
-                       : QTX_GetFrameNormalizedDouble(handle, normalized, 6, 0),
-              1);
-    EXPECT_EQ(as_float ? static_cast<double>(single[3]) : normalized[3], 5.0 / 8);
-    EXPECT_EQ(description(handle),
-              std::string("ERROR 0x1: Error - Could not write to radar frame log file\r\n   at: ") + point);
-    EXPECT_EQ(QTX_GetFrameRaw(handle, raw, 6), 0);
-    EXPECT_EQ(raw[0], 17u);
-    EXPECT_EQ(QTX_FrameLoggingStop(handle), 1) << "a write has failed";
+  const auto start = [&](const std::string &file, int32_t flags, int32_t precision = 3) {
+    return QTX_FrameLoggingStart(handle, file.c_str(), flags, precision);
+  };
+  DO(log(0x11), start(folder.file("missing/frames.log"), 0x11), getRaw(), contents(path), start(folder.file(""), 0x21),
+     QTX_FrameLoggingStop(handle), start("/dev/full", 0x21), handle->frame_log);
+  for (int32_t precision : {6, 4}) {
+    DO_FOR(precision, start("/dev/full", 0x02, precision), (handle->frame_log_flags = 0x23, getWide()), wide[3],
+           getSingle(), single[3], getRaw(), raw[0], QTX_FrameLoggingStop(handle));
   }
-}
-
-TEST_F(Frames, ALogThatCannotBeClosedIsTold) {
   // Buffered on purpose: what the buffer holds can't be written when the file is closed.
   handle->frame_log = std::fopen("/dev/full", "w");
   std::fputs("text", handle->frame_log);
-  EXPECT_EQ(QTX_FrameLoggingStop(handle), 1);
-  EXPECT_EQ(description(handle),
-            "ERROR 0x1: Error - Could not close radar frame log file\r\n"
-            "   at: QTX_FrameLoggingStop in src/Pulsekit3:2511");
-  EXPECT_EQ(handle->frame_log, nullptr);
-  EXPECT_EQ(QTX_FrameLoggingStop(handle), 0);
+  DO(QTX_FrameLoggingStop(handle), handle->frame_log, QTX_FrameLoggingStop(handle));
+  auto *chip = std::exchange(handle->chip, nullptr);
+  DO(log(0x21), handle->frame_log, log(0x11), QTX_FrameLoggingStop(handle));
+  handle->chip = chip;
 }
 
-TEST_F(Frames, TheHeaderNeedsTheFrameLength) {
-  handle->chip = nullptr;
-  EXPECT_EQ(QTX_FrameLoggingStart(handle, path.c_str(), 0x21, 3), 1283);
-  EXPECT_EQ(QTX_FrameLoggingStart(handle, path.c_str(), 0x11, 3), 0);
+class WholeChain : public Radar {};
+
+TEST_F(WholeChain, FramesDistributionTimingAndLog) {
+  std::vector<uint32_t> raw(257, 7);
+  std::vector<double> doubles(257, -7), results(579), again(579);
+  std::vector<float> floats(257, -7);
+  DO(QTX_GetFrameRaw(handle, raw.data(), 255), QTX_GetFrameRaw(handle, raw.data(), 256),
+     QTX_GetFrameNormalized(handle, doubles.data(), 256),
+     QTX_GetFrameNormalizedFloat(handle, floats.data(), int64_t{1} << 40, 0), raw[256], doubles[256], floats[256]);
+  for (size_t i = 0; i < 256; ++i) {
+    EXPECT_TRUE(doubles[i] >= 0 && doubles[i] <= 100) << i;
+    EXPECT_NEAR(static_cast<double>(floats[i]), doubles[i], 5.0);
+  }
+  uint32_t width = 0, lines = 0;
+  DO(QTX_VarSetIntValue_ByName(handle, "DACMin", 4000), QTX_VarSetIntValue_ByName(handle, "DACMax", 4016),
+     QTX_CalculateCDF_Size(handle, &width, &lines), width * lines, QTX_GetCDF(handle, raw.data(), 257));
+  std::vector<uint32_t> table(width * lines);
+  DO(QTX_GetCDF(handle, table.data(), static_cast<int32_t>(table.size())),
+     QTX_TimingMeasurementLoadDataFromFlash(handle, 3), QTX_TimingMeasurementSaveDataToFlash(handle, 0x10000F),
+     QTX_ExecuteAction_ByName(handle, "MeasureSampleDelayLines"),
+     QTX_TimingMeasurementResults(handle, results.data(), 579), QTX_TimingMeasurementSaveDataToFlash(handle, 3), open(),
+     QTX_TimingMeasurementLoadDataFromFlash(handle, 3), QTX_TimingMeasurementResults(handle, again.data(), 579),
+     results == again, results[2]);
+  Folder folder;
+  const std::string path = folder.file("spi.log");
+  DO(QTX_InterfaceLogging(handle, 1, path.c_str()), QTX_InterfaceLogging(handle, 3, nullptr),
+     QTX_InterfaceLogComment(handle, "iterations"), QTX_RegisterWrite(handle, 0x31, 3, 40),
+     QTX_InterfaceLogging(handle, 2, nullptr), contents(path));
 }
 
 }  // namespace

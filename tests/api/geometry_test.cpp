@@ -1,5 +1,6 @@
 // What settings mean for a frame, which can't give a good one, and what a calibration leaves behind.
 #include <cmath>
+#include <cstring>
 
 #include "Pulsekit3_settings.h"
 #include "bench.h"

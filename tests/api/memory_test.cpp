@@ -5,8 +5,7 @@
 #include <cstring>
 #include <new>
 
-#include "bench.h"
-#include "files.h"
+#include "host.h"
 
 namespace {
 
@@ -53,60 +52,48 @@ DEFAULT_VISIBILITY void operator delete[](void *memory, size_t) noexcept { std::
 namespace pulsekit::test {
 namespace {
 
-class OutOfMemory : public Bench {
+class OutOfMemory : public Host {
  protected:
   // Runs the operation with each of its allocations failing.
-  template <typename Operation, typename Restore>
-  void atEveryAllocation(const char *what, Operation operation, Restore restore) {
-    for (uint32_t nth = 1; nth < 1000; ++nth) {
+  void atEveryAllocation(
+      const char *what, const std::function<int32_t()> &operation, const std::function<void()> &restore = [] {}) {
+    for (uint32_t nth = 1;; ++nth) {
+      ASSERT_LT(nth, 1000u) << what;
       allocations = 0;
       failing_allocation = nth;
       counting = true;
-      int32_t code = -1;
-      try {
-        code = operation();
-      } catch (...) {
-        ADD_FAILURE() << what << ": an exception left the library at allocation " << nth;
-      }
+      const int32_t code = operation();
       counting = false;
       if (allocations < nth) {
-        EXPECT_EQ(code, 0) << what << description(radar);
+        EXPECT_EQ(code, 0) << what << description();
         EXPECT_GT(nth, 1u) << what << " allocates nothing";
         return;
       }
-      EXPECT_EQ(code, 7) << what << nth << description(radar);
+      EXPECT_EQ(code, 7) << what << nth << description();
       restore();
-      if (testing::Test::HasFailure()) return;
     }
   }
-
-  Radar radar;
   Folder folder;
 };
 
 TEST_F(OutOfMemory, IsACodeOfEveryFunctionThatAllocates) {
-  addRadar();
+  add();
   const std::string path = folder.file("settings.txt");
-  const auto nothing = [] {};
-  const auto close = [&] { QTX_CloseRadar(radar); };
-  QTX_Handle *handle = nullptr;
-  atEveryAllocation(
-      "init", [&] { return QTX_InitHandle(&handle); }, nothing);
-  QTX_FreeHandle(&handle);
+  QTX_Handle *other = nullptr;
+  atEveryAllocation("init", [&] { return QTX_InitHandle(&other); });
+  QTX_FreeHandle(&other);
   char text[512];
+  atEveryAllocation("list", [&] { return QTX_ListRadarModules(handle, text, sizeof text); });
   atEveryAllocation(
-      "list", [&] { return QTX_ListRadarModules(radar, text, sizeof text); }, nothing);
-  atEveryAllocation(
-      "open", [&] { return QTX_OpenRadar(radar, connection().c_str()); }, close);
+      "open", [&] { return open(); }, [&] { QTX_CloseRadar(handle); });
   std::vector<double> frame(4096);
-  atEveryAllocation(
-      "frame", [&] { return QTX_GetFrameNormalized(radar, frame.data(), 4096); }, nothing);
-  atEveryAllocation(
-      "save", [&] { return QTX_VarsSaveToFile(radar, path.c_str()); }, nothing);
-  atEveryAllocation(
-      "flash", [&] { return QTX_VarsSaveToFlash(radar); }, nothing);
-  atEveryAllocation(
-      "from flash", [&] { return QTX_VarsLoadFromFlash(radar); }, nothing);
+  uint8_t info[4] = {0xfe};
+  atEveryAllocation("frame", [&] { return QTX_GetFrameNormalized(handle, frame.data(), 4096); });
+  atEveryAllocation("board", [&] { return QTX_ModuleProgramBoardInfo(handle, info, 4); });
+  atEveryAllocation("read board", [&] { return QTX_ModuleReadBoardInfo(handle, info, 4); });
+  atEveryAllocation("save", [&] { return QTX_VarsSaveToFile(handle, path.c_str()); });
+  atEveryAllocation("flash", [&] { return QTX_VarsSaveToFlash(handle); });
+  atEveryAllocation("from flash", [&] { return QTX_VarsLoadFromFlash(handle); });
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // Streams on the simulated bench: the same frames as single captures, at the pace of the hardware, whatever happens.
 #include <cmath>
+#include <cstring>
 #include <functional>
 
 #include "Pulsekit3_stream.h"

@@ -1,282 +1,272 @@
-// Listing, connecting and disconnecting bridges.
-#include <memory>
+// Handles of the interface layer: names, listing, connecting, the default handle, the lock, the log.
+#include <atomic>
+#include <thread>
 
-#include "bridge_fixture.h"
+#include "bridge.h"
+#include "module/module.h"
 
+namespace pulsekit::test {
 namespace {
 
-constexpr char kCheckSerial[] = "FTx232H - Check if serial number is correct";
-constexpr char kNoList[] = "FTx232H - Could not create list of connected FT-devices";
-constexpr char kOnlyOnce[] = "FTx232H - A handle connects only once";
-
-class Connection : public BridgeTest {
+class Connection : public Bridge {
  protected:
   std::string listed(uint32_t size = 512) {
-    std::string text(size, 'x');
-    EXPECT_EQ(FTx232H_ListDevices(bridge, text.data(), size), 0);
-    return text.c_str();
+    std::string text(size + 1, '~');
+    const int32_t code = FTx232H_ListDevices(bridge, text.data(), size);
+    EXPECT_EQ(text[size], '~');
+    return std::to_string(code) + " " + (text[0] == '~' ? "untouched" : text.substr(0, size).c_str());
   }
+  std::string connected(uint32_t size = 512) {
+    std::string text(size + 1, '~');
+    const int32_t code = interfaceListConnectedInterfaces(radar, text.data(), size);
+    EXPECT_EQ(text[size], '~');
+    EXPECT_TRUE(radar->interface_handle == nullptr || interfaceHasDevice(bridge));
+    return std::to_string(code) + " " + (text[0] == '~' ? "untouched" : text.substr(0, size).c_str());
+  }
+  // Creates a second handle on the same library handle and frees it again.
+  std::string created(const char *name) {
+    InterfaceHandle *handle = nullptr;
+    const int32_t code = interfaceInitHandle(&handle, &radar->error, radar, name, &radar->open);
+    const std::string type = handle ? handle->type_name : "nothing";
+    EXPECT_EQ(interfaceFreeHandle(&handle, nullptr), 0);
+    return std::to_string(code) + " " + type;
+  }
+  void add(const char *serial, int32_t bridge_kind = QTXSIM_FT232H) {
+    QTXSim_AddRadar(serial, "Bridge", bridge_kind, nullptr, nullptr);
+  }
+  void hold(int32_t device) { QTXSim_SetHeld(device, 1); }
 };
 
-}  // namespace
-
 TEST_F(Connection, BringUpToTheByte) {
-  EXPECT_EQ(interfaceConnect(bridge, kDevice), 0);
-  EXPECT_EQ(d2xx.calls,
-            (Names{"OpenEx FT0001AB 1", "CreateDeviceInfoList", "GetDeviceInfoList 1", "ResetDevice",
-                   "SetUSBParameters 65536 65536", "SetTimeouts 5000 1000", "SetLatencyTimer 2", "SetBitMode 0 0",
-                   "SetBitMode 0 2", "Write 80 FE 0B 82 FF 00", "Write 86 00 00", "Write 85", "Write 8A",
-                   "Write 80 F6 0B", "Write 80 FE 0B", "Write 87", "Write 86 01 00"}));
-  EXPECT_STREQ(bridge->type_name, "FTx232H");
-  EXPECT_EQ(bridge->connected, 1);
-
-  d2xx.forget();
-  EXPECT_EQ(interfaceDisconnect(bridge), 0);
-  EXPECT_EQ(d2xx.calls, Names{"Close"});
-  EXPECT_EQ(bridge->connection, nullptr);
-  EXPECT_EQ(bridge->connected, 0);
-  EXPECT_EQ(interfaceDisconnect(bridge), 0) << "twice";
-  EXPECT_EQ(d2xx.calls, Names{"Close"});
-}
-
-TEST_F(Connection, BytesFromBeforeAreThrownAway) {
-  d2xx.queue = {1, 2, 3};
-  EXPECT_EQ(interfaceConnect(bridge, kDevice), 0);
-  EXPECT_TRUE(d2xx.queue.empty());
+  DO(connect(), bridge->type_name, bridge->connected, connect(), interfaceConnect(bridge, nullptr),
+     interfaceConnect(bridge, "COM1"), bridge->GetIO(bridge, 1101, &value), value, interfaceDisconnect(bridge),
+     bridge->connection, bridge->connected, interfaceDisconnect(bridge), connect());
+  open("FTx232H");
+  const uint8_t stale[] = {1, 2, 3};
+  QTXSim_InsertAnswer(0, stale, 3);
+  DO(connect(), FTx232H_InitHandle(&bridge, &radar->error, radar), connect());
+  say("a table that is installed later is for later connections");
+  DO(FTx232H_SetD2XX(nullptr), bridge->SetIO(bridge, 1107, 1), interfaceDisconnect(bridge), listed(),
+     FTx232H_SetD2XX(QTXSim_D2XX()));
 }
 
 TEST_F(Connection, EveryFailingStep) {
-  struct Case {
-    const char *call;
-    int nth;
-    int32_t code;
-    const char *message;
-    Names trace;
-    int32_t opened;
-  };
-  const char *write_failed = "FTx232H - Could not write data to device";
-  const char *purge_failed = "FTx232H - Could not reset the input buffer";
-  const Names direct = {"FTx232H_ConnectDevice", "interfaceConnect"};
-  const Names sending = {"SendBytesToDevice", "FTx232H_ConnectDevice", "interfaceConnect"};
-  const Case cases[] = {
-      {"OpenEx", 1, 260, kCheckSerial, direct, 0},
-      {"CreateDeviceInfoList", 1, 259, kNoList, direct, 1},
-      {"GetDeviceInfoList", 1, 259, kNoList, direct, 1},
-      {"ResetDevice", 1, 258, purge_failed, direct, 1},
-      {"GetQueueStatus", 1, 258, purge_failed, direct, 1},
-      {"SetUSBParameters", 1, 258, "FTx232H - Could not set the USB buffer size", direct, 1},
-      {"SetTimeouts", 1, 258, "FTx232H - Could not set the read and write timeouts", direct, 1},
-      {"SetLatencyTimer", 1, 258, "FTx232H - Could not set the latency timer", direct, 1},
-      {"SetBitMode", 1, 258, "FTx232H - Could not reset the bitmode", direct, 1},
-      {"SetBitMode", 2, 258, "FTx232H - Could not set the bitmode to MPSSE mode", direct, 1},
-      {"Write", 1, 261, "FTx232H - Could not set the correct state on the IO-pins", direct, 1},
-      {"Write", 5, 265, write_failed, sending, 1},
-      {"Write", 6, 265, write_failed, sending, 1},
-      {"Write", 7, 265, write_failed, sending, 1},
-      {"GetQueueStatus", 2, 258, purge_failed, direct, 1},
-  };
-  for (const Case &test : cases) {
-    SCOPED_TRACE(std::string(test.call) + " " + std::to_string(test.nth));
-    d2xx.fail(test.call, test.nth, FT_IO_ERROR);
-    expectFailure(interfaceConnect(bridge, kDevice), test.code, test.message, test.trace);
-    EXPECT_EQ(bridge->connected, 0);
-    EXPECT_EQ(d2xx.open_handles, test.opened) << "closed by disconnect or release only";
-    open("FTx232H");
-    EXPECT_EQ(d2xx.open_handles, 0);
+  for (const char *call : {"OpenEx", "CreateDeviceInfoList", "GetDeviceInfoList", "ResetDevice", "GetQueueStatus",
+                           "SetUSBParameters", "SetTimeouts", "SetLatencyTimer", "SetBitMode", "Write", "Read"}) {
+    for (uint32_t nth = 1;; ++nth) {
+      open("FTx232H");
+      const uint8_t stale = 1;
+      QTXSim_InsertAnswer(0, &stale, 1);
+      QTXSim_FailCall(call, nth, 1, FT_IO_ERROR);
+      kinds = 0;
+      const uint64_t before = QTXSim_Calls(call), closed = QTXSim_Calls("Close");
+      DO_FOR(format("%s %u", call, nth), connect(), bridge->connected, QTXSim_Calls("Close") - closed);
+      QTXSim_ClearFaults();
+      if (QTXSim_Calls(call) - before < nth) break;
+    }
   }
-
-  d2xx.fail("Write", 8, FT_IO_ERROR);
-  EXPECT_EQ(interfaceConnect(bridge, kDevice), 265) << "applying the variables";
-  EXPECT_EQ(interfaceDisconnect(bridge), 0);
-  EXPECT_EQ(d2xx.open_handles, 0);
-
-  for (int unchecked : {2, 3, 4}) {
+  open("FTx232H");
+  FTx232H_D2XX table = *QTXSim_D2XX();
+  for (auto clear :
+       {+[](FTx232H_D2XX &t) { t.Read = nullptr; }, +[](FTx232H_D2XX &t) { t.GetDeviceInfoList = nullptr; },
+        +[](FTx232H_D2XX &t) { t = {}, t.ListDevices = QTXSim_D2XX()->ListDevices; }}) {
     open("FTx232H");
-    d2xx.fail("Write", unchecked, FT_IO_ERROR);
-    EXPECT_EQ(interfaceConnect(bridge, kDevice), 0) << "Write " << unchecked;
+    clear(table);
+    FTx232H_SetD2XX(&table);
+    DO_FOR("a table with empty slots", listed(), interfaceConnect(bridge, kDevice),
+           connection().d2xx.Close(connection().device_handle), bridge->GetIO(bridge, 1101, &value));
+    connection().open = false;
   }
 }
 
-TEST_F(Connection, SerialNumberIsWhatStandsInTheFirstParentheses) {
+TEST_F(Connection, SerialNumbers) {
   const std::string endless(10'000, 'A');
-  const std::pair<std::string, const char *> cases[] = {
-      {"FTx232H", "OpenEx  1"},
-      {"FTx232H!FT0001AB", "OpenEx  1"},
-      {"FTx232H!Serial No: ()", "OpenEx  1"},
-      {"FTx232H!Serial No: (FT0001AC)", "OpenEx FT0001AC 1"},
-      {"FTx232H!Serial No: (unclosed", "OpenEx unclosed 1"},
-      {"FTx232H!Serial No: (Already Open)", "OpenEx Already Open 1"},
-      {"FTx232H" + endless, "OpenEx  1"},
-      {"FTx232H!Serial No: (" + endless + ")", nullptr},
-  };
-  for (const auto &[text, call] : cases) {
-    SCOPED_TRACE(text.substr(0, 40));
-    d2xx.forget();
-    expectFailure(interfaceConnect(bridge, text.c_str()), 260, kCheckSerial,
-                  {"FTx232H_ConnectDevice", "interfaceConnect"});
-    EXPECT_EQ(d2xx.calls, call ? Names{call} : Names{});
+  for (const std::string &text : {std::string("FTx232H"), std::string("FTx232H!FT0001AB"),
+                                  std::string("FTx232H!Serial No: ()"), std::string("FTx232H!Serial No: (FT0001AC)"),
+                                  std::string("FTx232H!Serial No: (unclosed"), "FTx232H" + endless}) {
+    DO_FOR(text.substr(0, 40), connect(text.c_str()));
   }
-  EXPECT_EQ(interfaceConnect(bridge, ("FTx232H" + endless + "(FT0001AB)(x)").c_str()), 0);
+  DO(interfaceConnect(bridge, ("FTx232H!(" + endless + ")").c_str()),
+     connect(("FTx232H" + endless + "(FT0001AB)(x)").c_str()));
 }
 
-TEST_F(Connection, AHandleConnectsOnce) {
-  connect();
-  const Names trace = {"FTx232H_ConnectDevice", "interfaceConnect"};
-  expectFailure(interfaceConnect(bridge, kDevice), 260, kOnlyOnce, trace);
-  uint32_t value = 0;
-  d2xx.replies = {{0, 0}};
-  EXPECT_EQ(bridge->GetIO(bridge, 5, &value), 0) << "the open connection lives on";
-  EXPECT_EQ(interfaceDisconnect(bridge), 0);
-  expectFailure(interfaceConnect(bridge, kDevice), 260, kOnlyOnce, trace);
-}
-
-TEST_F(Connection, DriverThatIsInitialisedAgainStartsAnew) {
-  connect();
-  EXPECT_EQ(FTx232H_InitHandle(&bridge, &radar->error, radar), 0);
-  EXPECT_EQ(d2xx.open_handles, 0) << "the open device would be lost";
-  EXPECT_EQ(interfaceConnect(bridge, kDevice), 0);
-}
-
-TEST_F(Connection, OperationWithoutItsArguments) {
-  const Names trace = {"FTx232H_ConnectDevice"};
-  expectFailure(bridge->ConnectDevice(bridge, &bridge->connection, nullptr), 1, "", trace);
-  expectFailure(bridge->ConnectDevice(bridge, nullptr, kDevice), 1, "", trace);
-  EXPECT_EQ(d2xx.calls, Names{});
-}
-
-TEST_F(Connection, CloseThatFailsKeepsTheConnection) {
-  connect();
-  d2xx.fail("Close", 1, FT_IO_ERROR);
-  expectFailure(interfaceDisconnect(bridge), 266, "FTx232H - Could not disconnect the device interface",
-                {"FTx232H_DisconnectDevice", "interfaceDisconnect"});
-  EXPECT_NE(bridge->connection, nullptr);
-  EXPECT_EQ(bridge->connected, 1);
-  EXPECT_EQ(interfaceDisconnect(bridge), 0);
-}
-
-TEST_F(Connection, DeviceThatCouldNotBeClosedIsClosedWhenItIsInTheWay) {
-  connect();
-  d2xx.fail("Close", 1, FT_IO_ERROR);
-  open("FTx232H");
-  EXPECT_EQ(d2xx.open_handles, 1);
-  d2xx.fail("OpenEx", 1, FT_DEVICE_NOT_OPENED);
-  connect();
-  EXPECT_EQ(d2xx.open_handles, 1);
-
-  d2xx.fail("Close", 1, FT_IO_ERROR);
-  open("FTx232H");
-  d2xx.fail("ListDevices", 2, FT_DEVICE_NOT_OPENED);
-  EXPECT_EQ(listed(), kDevice) << "instead of Already Open";
-}
-
-TEST_F(Connection, LayerNoticesWhatIsReleasedBehindItsBack) {
-  connect();
-  EXPECT_EQ(bridge->DisconnectDevice(bridge, bridge->connection), 0);
-  EXPECT_FALSE(interfaceHasDevice(bridge));
-  open("FTx232H");
-  connect();
-  EXPECT_EQ(FTx232H_FreeHandle(&bridge, nullptr), 0);
-  EXPECT_FALSE(interfaceHasDevice(bridge));
-}
-
-TEST_F(Connection, OperationsWithoutADevice) {
-  uint32_t value = 0;
+TEST_F(Connection, ClosingAndOperationsWithoutADevice) {
   uint8_t byte = 0;
-  // Never opened: the bridge library is asked, and refuses.
-  EXPECT_EQ(bridge->SetIO(bridge, 5, 1), 265);
-  EXPECT_EQ(interfaceDisconnect(bridge), 0);
-  struct Case {
-    const char *function;
-    int32_t code;
-  };
-  const Case cases[] = {
-      {"FTx232H_SendReceiveSPI", bridge->SendReceiveSPI(bridge, 0, &byte, 1, &byte, 1, 1)},
-      {"FTx232H_SendReceiveBitsSPI", bridge->SendReceiveBitsSPI(bridge, 0, &byte, 8, &byte, 8, 0)},
-      {"FTx232H_SetIO", bridge->SetIO(bridge, 5, 1)},
-      {"FTx232H_SetIO_Direction", bridge->SetIO_Direction(bridge, 5, 1, 1)},
-      {"FTx232H_GetIO", bridge->GetIO(bridge, 5, &value)},
-  };
-  for (const Case &test : cases) EXPECT_EQ(test.code, 269) << test.function;
-  EXPECT_EQ(functionsOf(radar->error), Names{"FTx232H_GetIO"});
-  EXPECT_EQ(d2xx.calls, Names{});
-}
-
-TEST_F(Connection, TableOfTheConnectionStaysWhenAnotherIsInstalled) {
-  connect();
-  EXPECT_EQ(FTx232H_SetD2XX(nullptr), 0);
-  EXPECT_EQ(bridge->SetIO(bridge, 5, 1), 0);
-  EXPECT_EQ(d2xx.calls, Names{"Write 80 FE 0B 82 FF 00"});
-  EXPECT_EQ(interfaceDisconnect(bridge), 0);
-  EXPECT_EQ(d2xx.calls.back(), "Close");
-}
-
-TEST_F(Connection, EmptySlotsOfATableAnswerThatTheyAreNotSupported) {
-  FTx232H_D2XX table{};
-  table.ListDevices = ScriptedD2xx::table()->ListDevices;
-  EXPECT_EQ(FTx232H_SetD2XX(&table), 0);
-  EXPECT_EQ(listed(), "FTx232H!Serial No: (FT0001AB)");
-  EXPECT_EQ(interfaceConnect(bridge, kDevice), 260);
-
-  table = *ScriptedD2xx::table();
-  table.GetDeviceInfoList = nullptr;
-  EXPECT_EQ(FTx232H_SetD2XX(&table), 0);
-  expectFailure(interfaceConnect(bridge, kDevice), 259, kNoList, {"FTx232H_ConnectDevice", "interfaceConnect"});
+  DO(bridge->SetIO(bridge, 5, 1), interfaceDisconnect(bridge), interfaceDisconnect(bridge),
+     bridge->SendReceiveSPI(bridge, 0, &byte, 1, &byte, 1, 1),
+     bridge->SendReceiveBitsSPI(bridge, 0, &byte, 8, &byte, 8, 0), bridge->SetIO(bridge, 5, 1),
+     bridge->SetIO_Direction(bridge, 5, 1, 1), bridge->GetIO(bridge, 5, &value), setSPIClockFrequency(radar, 1),
+     setSPIClockFrequency(nullptr, 1), bridge->ConnectDevice(bridge, &bridge->connection, nullptr),
+     bridge->ConnectDevice(bridge, nullptr, kDevice));
+  fresh("Close");
+  DO(interfaceDisconnect(bridge), bridge->connection, bridge->connected, interfaceDisconnect(bridge));
+  say("a device that could not be closed is closed when it is in the way");
+  for (int round : {1, 2}) {
+    fresh("Close");
+    DO_FOR(round, open("FTx232H"), round == 1 ? std::to_string(connect()) : listed());
+  }
+  say("the layer notices what is released behind its back");
+  fresh();
+  DO(bridge->DisconnectDevice(bridge, bridge->connection), interfaceHasDevice(bridge));
+  fresh();
+  DO(FTx232H_FreeHandle(&bridge, nullptr), interfaceHasDevice(bridge));
 }
 
 TEST_F(Connection, Listing) {
-  EXPECT_EQ(listed(), "FTx232H!Serial No: (FT0001AB)");
-  d2xx.devices = {{"A"}, {"B"}};
-  EXPECT_EQ(listed(), "FTx232H!Serial No: (A)#FTx232H!Serial No: (B)");
-  d2xx.devices = {{"A", true}, {""}, {"C", true}};
-  EXPECT_EQ(listed(), "FTx232H!Serial No: (Already Open)#FTx232H!Serial No: ()#FTx232H!Serial No: (Already Open)");
-}
-
-TEST_F(Connection, ListingKnowsOpenDevicesFromTheRegistry) {
-  int first = 0;
-  int second = 0;
-  EXPECT_EQ(FTx232H_AddDeviceInfoEntry(&first, "One", "FT1"), 0);
-  EXPECT_EQ(FTx232H_AddDeviceInfoEntry(&second, "Two", std::string(10'000, 'S').c_str()), 0);
-  d2xx.devices = {{"A", true}, {"B"}, {"C", true}, {"D", true}};
-  EXPECT_EQ(listed(), "FTx232H!Serial No: (FT1)#FTx232H!Serial No: (B)#FTx232H!Serial No: (" + std::string(63, 'S') +
-                          ")#FTx232H!Serial No: (Already Open)");
-  d2xx.devices.assign(20, {"X", true});
-  EXPECT_NE(listed(2048).rfind("(Already Open)"), std::string::npos) << "more open devices than entries";
-
-  EXPECT_EQ(FTx232H_DeleteDeviceInfoEntry(&first), 0);
-  EXPECT_EQ(FTx232H_DeleteDeviceInfoEntry(&first), 1);
-  EXPECT_EQ(FTx232H_DeleteDeviceInfoEntry(&second), 0);
-  int handles[17];
-  for (int i = 0; i < 16; ++i) EXPECT_EQ(FTx232H_AddDeviceInfoEntry(&handles[i], "", "s"), 0);
-  EXPECT_EQ(FTx232H_AddDeviceInfoEntry(&handles[16], "", "s"), 1);
-  open("FTx232H");
-  EXPECT_EQ(FTx232H_AddDeviceInfoEntry(&handles[16], "", "s"), 1) << "another handle does not clear the registry";
-  for (int i = 0; i < 16; ++i) EXPECT_EQ(FTx232H_DeleteDeviceInfoEntry(&handles[i]), 0);
-}
-
-TEST_F(Connection, ListingFailures) {
-  const Names trace = {"FTx232H_ListDevices"};
-  const std::string no_information = "FTx232H - Could not retrieve information about the connected FT-device";
-  const std::string too_small =
-      "FTx232H - The buffer for listing the connection strings for the connected FT-devices is too small";
-  char text[64];
-  d2xx.fail("ListDevices", 1, FT_IO_ERROR);
-  expectFailure(FTx232H_ListDevices(bridge, text, sizeof text), 259, kNoList, trace);
-  for (int nth : {2, 3}) {
-    d2xx.fail("ListDevices", nth, FT_DEVICE_NOT_FOUND);
-    expectFailure(FTx232H_ListDevices(bridge, text, sizeof text), 259, no_information, trace);
+  DO(listed(), listed(31), listed(32), listed(0), FTx232H_ListDevices(bridge, nullptr, 9),
+     FTx232H_ListDevices(nullptr, nullptr, 9));
+  add("FT0002", QTXSIM_FT2232H);
+  DO(listed(), listed(61), listed(62), connected(), connected(88), connected(89));
+  for (uint32_t nth = 1; nth <= 4; ++nth) {
+    QTXSim_FailCall("ListDevices", nth, 1, FT_IO_ERROR);
+    DO_FOR(nth, (open("FTx232H"), listed()), connected());
+    QTXSim_ClearFaults();
   }
-  // 7 of the driver's name, 8 of the serial number, 16 more.
-  expectFailure(FTx232H_ListDevices(bridge, text, 31), 2, too_small, trace);
-  EXPECT_EQ(listed(32), kDevice);
-  expectFailure(FTx232H_ListDevices(bridge, text, 0), 2, too_small, trace);
-  d2xx.devices = {{"FT0001AB"}, {"FT0002AB"}};
-  expectFailure(FTx232H_ListDevices(bridge, text, 61), 2, too_small, trace);
-  EXPECT_STREQ(text, "FTx232H!Serial No: (FT0001AB)#");
-  EXPECT_EQ(listed(62).size(), 59u);
+  QTXSim_FailCall("ListDevices", 2, 1, FT_DEVICE_NOT_OPENED);
+  DO((open("FTx232H"), listed()));
 
-  d2xx.devices.clear();
-  expectFailure(FTx232H_ListDevices(bridge, text, sizeof text), 267,
-                "FTx232H - There are no compatible FT-devices connected", trace);
-  expectFailure(FTx232H_ListDevices(bridge, nullptr, 10), 1, "", trace);
-  EXPECT_EQ(FTx232H_ListDevices(nullptr, text, sizeof text), 269);
+  say("open devices are known from the registry");
+  QTXSim_Reset();
+  for (const char *serial : {"A", "B", "C", "D"}) add(serial);
+  for (int32_t device : {0, 2, 3}) hold(device);
+  int entries[17];
+  DO(FTx232H_AddDeviceInfoEntry(entries, "One", "FT1"),
+     FTx232H_AddDeviceInfoEntry(entries + 1, "Two", std::string(10'000, 'S').c_str()), listed());
+  for (int i = 4; i < 20; ++i) add(std::to_string(i).c_str()), hold(i);
+  DO(listed(2048).size(), FTx232H_DeleteDeviceInfoEntry(entries), FTx232H_DeleteDeviceInfoEntry(entries),
+     FTx232H_DeleteDeviceInfoEntry(entries + 1));
+  for (int i = 0; i < 16; ++i) EXPECT_EQ(FTx232H_AddDeviceInfoEntry(entries + i, "", "s"), 0);
+  DO(FTx232H_AddDeviceInfoEntry(entries + 16, "", "s"),
+     (open("FTx232H"), FTx232H_AddDeviceInfoEntry(entries + 16, "", "s")));
+  for (int i = 0; i < 16; ++i) EXPECT_EQ(FTx232H_DeleteDeviceInfoEntry(entries + i), 0);
+
+  QTXSim_Reset();
+  DO(listed(), connected());
 }
+
+TEST_F(Connection, HandlesByName) {
+  for (const char *name : {"FTx232H", kDevice, "FTx232Hand any other text", "DEFAULT", "", "FTx232", "ftx232h",
+                           " FTx232H", "LAST", "DEFAULT!x"}) {
+    DO_FOR(name, created(name));
+  }
+  char text[64] = "x";
+  DO(created(nullptr), interfaceListSupportedInterfaces(text, 17), interfaceListSupportedInterfaces(text, 18), text,
+     interfaceListSupportedInterfaces(text, 0), interfaceListSupportedInterfaces(nullptr, 18),
+     interfaceListVariables(bridge, text, 64), text, interfaceListVariables(bridge, text, 10),
+     interfaceListActions(bridge, text, 4294967295), text);
+  say("a host's own setup");
+  radar->spare = reinterpret_cast<void *>(+[](QTX_Handle *) { return 0; });
+  DO(created("FTx232H"), connected(), connected(0), interfaceListConnectedInterfaces(radar, nullptr, 9));
+  radar->spare = reinterpret_cast<void *>(+[](QTX_Handle *) { return 5; });
+  DO(created("FTx232H"), connected(), radar->interface_handle);
+  radar->spare = nullptr;
+  fresh();
+  DO(connected(), interfaceIO_SetValue(bridge, 1107, 1));
+
+  say("without handles and arguments");
+  InterfaceHandle *none = nullptr;
+  DO(interfaceInitInterface(nullptr), interfaceConnect(nullptr, kDevice), interfaceDisconnect(nullptr),
+     interfaceIO_SetValue(nullptr, 5, 1), interfaceIO_SetDirection(nullptr, 5, 1, 1),
+     interfaceIO_GetValue(nullptr, 5, &value), interfaceLock(nullptr), interfaceUnlock(nullptr),
+     interfaceListVariables(nullptr, text, 8), interfaceListActions(nullptr, text, 8),
+     interfaceFreeHandle(nullptr, nullptr), interfaceFreeHandle(&none, nullptr),
+     interfaceInitHandle(nullptr, nullptr, radar, "FTx232H", nullptr),
+     interfaceListConnectedInterfaces(nullptr, text, 8), FTx232H_InitHandle(nullptr, nullptr, nullptr),
+     FTx232H_InitHandle(&none, nullptr, nullptr), FTx232H_FreeHandle(nullptr, nullptr),
+     FTx232H_FreeHandle(&none, nullptr));
+}
+
+TEST_F(Connection, DefaultHandleAndHostsOwn) {
+  open("DEFAULT");
+  char text[8];
+  DO(interfaceConnect(bridge, kDevice), interfaceIO_SetValue(bridge, 5, 1), interfaceIO_SetDirection(bridge, 5, 1, 1),
+     interfaceIO_GetValue(bridge, 5, &value), interfaceListVariables(bridge, text, 8),
+     interfaceListActions(bridge, text, 8), interfaceDisconnect(bridge), interfaceLock(bridge),
+     interfaceUnlock(bridge));
+  int32_t of_the_host = 5;
+  bridge->ConnectDevice = [](InterfaceHandle *handle, void **slot, const char *) {
+    *slot = const_cast<void *>(handle->pin_map);
+    return 0;
+  };
+  bridge->pin_map = &of_the_host;
+  DO(interfaceConnect(bridge, kDevice), bridge->connection, interfaceFreeHandle(&radar->interface_handle, nullptr),
+     of_the_host);
+
+  // A host's own record ends in front of the private fields: what stands there is neither read nor written.
+  open("FTx232H");
+  InterfaceHandle own{};
+  own.self = bridge;
+  own.lock = &of_the_host;
+  own.error_state = reinterpret_cast<QTX_StackTrace *>(&of_the_host);
+  own.connected = 7;
+  own.ConnectDevice = [](InterfaceHandle *, void **, const char *) { return 0; };
+  own.DisconnectDevice = [](InterfaceHandle *, void *) { return 266; };
+  DO(interfaceLock(&own), interfaceConnect(&own, kDevice), own.type_name, interfaceDisconnect(&own),
+     interfaceUnlock(&own), own.connected, of_the_host, (own.owner = radar, interfaceDisconnect(&own)));
+
+  say("a handle without a library handle keeps to the record that it was given");
+  QTX_StackTrace *record = nullptr;
+  QTX_StackTraceInit(&record, nullptr);
+  InterfaceHandle *handle = nullptr;
+  watched = record;
+  DO(interfaceInitHandle(&handle, &record, radar, "DEFAULT", nullptr),
+     (
+         handle->SetIO = [](InterfaceHandle *, uint32_t, uint32_t) { return 262; }, interfaceIO_SetValue(handle, 5, 1)),
+     interfaceFreeHandle(&handle, nullptr), interfaceInitHandle(&handle, &record, nullptr, "FTx232H", nullptr),
+     interfaceIO_SetValue(handle, 0, 1));
+  watched = nullptr;
+  DO(interfaceFreeHandle(&handle, &record), record, handle,
+     interfaceInitHandle(&handle, nullptr, nullptr, "FTx232H", nullptr), interfaceConnect(handle, "FTx232H!(nobody)"),
+     interfaceFreeHandle(&handle, nullptr));
+
+  say("releasing wants the exact name, and may be repeated");
+  fresh();
+  InterfaceHandle copy = *bridge, *driver_part = &copy;
+  bridge->type_name = kDevice;
+  DO(interfaceFreeHandle(&radar->interface_handle, nullptr), FTx232H_FreeHandle(&driver_part, nullptr), copy.variables,
+     FTx232H_FreeHandle(&driver_part, nullptr));
+}
+
+TEST_F(Connection, LockIsRecursiveAndKeepsOthersOut) {
+  EXPECT_EQ(interfaceUnlock(bridge), 0) << "without holding it";
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(interfaceLock(bridge), 0);
+  EXPECT_EQ(interfaceUnlock(bridge), 0);
+  std::atomic<bool> entered = false;
+  std::thread other([&] {
+    interfaceLock(bridge);
+    entered = true;
+    interfaceUnlock(bridge);
+  });
+  for (const uint64_t now = QTX_timestamp_us(); QTX_timestamp_us() < now + 20'000;) EXPECT_FALSE(entered);
+  interfaceUnlock(bridge);
+  other.join();
+  EXPECT_TRUE(entered);
+}
+
+TEST_F(Connection, Log) {
+  Folder folder;
+  const std::string path = folder.file("interface.log");
+  const auto mode = [&](int32_t next) { return bridge->InterfaceLogging(bridge, next, path.c_str()); };
+  const auto comment = [&](const char *text) { return bridge->InterfaceLogComment(bridge, text); };
+  const auto transfer = [&](std::vector<uint8_t> out, uint32_t in_count) {
+    uint8_t in[16];
+    return bridge->SendReceiveSPI(bridge, 0, out.data(), static_cast<int32_t>(out.size()), in, in_count, 1);
+  };
+  const uint8_t out[] = {0xB0, 0x0F};
+  uint8_t in[2];
+  fresh();
+  kinds = 0;
+  DO(mode(2), mode(3), comment("nowhere"), comment(nullptr), mode(1),
+     std::string(bridge->log_file_name) == path.substr(0, 8), comment("early"), transfer({1}, 0), mode(3),
+     transfer({0x90, 2, 3, 4}, 0), transfer({2, 2}, 2), transfer({}, 1),
+     bridge->SendReceiveBitsSPI(bridge, 0, out, 12, in, 12, 0x100), comment("reset %s"), mode(0), transfer({0xEE}, 1),
+     comment("unheard"), mode(3), transfer({1}, 0), mode(2), contents(path), bridge->log_file_name, mode(2), mode(1),
+     mode(3), comment("first"), mode(1), mode(3), comment("second"), (open("FTx232H"), contents(path)));
+  for (const std::string &name : {folder.file("no/log"), std::string(10'000, 'n'), folder.file("")}) {
+    DO_FOR("unwritable", bridge->InterfaceLogging(bridge, 1, name.c_str()), bridge->log_file);
+  }
+  DO(bridge->InterfaceLogging(bridge, 1, nullptr));
+}
+
+}  // namespace
+}  // namespace pulsekit::test

@@ -1,13 +1,14 @@
 // Bus programs on the simulated bench: what they do on the wire, in which order, and how they take faults.
 #include "interface/program.h"
 
-#include "Pulsekit3Simulator.h"
-#include "bridge_fixture.h"
+#include "bridge.h"
 
 namespace {
 
+using Bytes = std::vector<uint8_t>;
 using pulsekit::BusProgram;
 using pulsekit::ProgramRun;
+using pulsekit::test::kDevice;
 
 constexpr uint32_t kWireEvents = QTXSIM_EVENT_SPI | QTXSIM_EVENT_PIN | QTXSIM_EVENT_ODD;
 
