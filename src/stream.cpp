@@ -101,12 +101,8 @@ void Stream::noteWrittenRegister() {
 }
 
 int32_t Stream::park() {
-  BusProgram program;
-  driver_.abort(program);
-  if (epoch_ && epoch_->plan.sweeps > 1) driver_.position(epoch_->plan, 0, program);
-  driver_.rest(program);
   parked_ = true;
-  if (int32_t code = runProgram(bridge(), program, nullptr)) return passThrough(handle_->error, HERE, code);
+  if (int32_t code = runProgram(bridge(), park_, nullptr)) return passThrough(handle_->error, HERE, code);
   return kSuccess;
 }
 
@@ -119,6 +115,10 @@ void Stream::yieldBus() {
 
 int32_t Stream::prepare() {
   auto epoch = std::make_shared<Epoch>();
+  // Until the new positions are known, the window is where the settings say.
+  park_.clear();
+  driver_.abort(park_);
+  driver_.rest(park_);
   parked_ = false;
   if (int32_t code = driver_.plan(handle_->chip, epoch->plan)) return passThrough(handle_->error, HERE, code);
   if (epoch->plan.sweeps == 0) return origin(handle_->error, HERE, kNotPossible, "FrameStitch is 0");
@@ -135,6 +135,10 @@ int32_t Stream::prepare() {
   epoch->idle_status = sweep.idle_status;
   epoch->settings = settings_;
   makePrograms(*epoch);
+  park_.clear();
+  driver_.abort(park_);
+  if (epoch->plan.sweeps > 1) driver_.position(epoch->plan, 0, park_);
+  driver_.rest(park_);
 
   if (epoch_) before_ += static_cast<double>(std::exchange(clocks_, 0)) / epoch_->clock;
   paced_ = false;
@@ -225,6 +229,7 @@ bool Stream::mayOrder(const Order &next) {
 int32_t Stream::put(const Order &next) {
   Unit &one = unit(ordered_);
   if (one.answer.size() < next.program->answerLength()) one.answer.resize(next.program->answerLength());
+  one.counters.reserve(epoch_->plan.samplers);
   one.run = {};
   one.run.answer = one.answer.data();
   if (int32_t code = queueProgram(bridge(), *next.program, next.pause, one.run)) return code;
@@ -423,7 +428,7 @@ int32_t Stream::wait(Deadline &deadline) {
       fail(unit(checked_).number, kInterfaceTimeout, "The bridge does not answer any more");
       dropPrograms(bridge());
     } else if (!progress) {
-      pauseWait(handle_, 1);
+      QTX_sleep_ms(1);
     }
   }
 }
@@ -449,6 +454,7 @@ const StreamFrame &Stream::take() {
   const Unit &end = unit(last);
   const chip::SweepPlan &plan = end.epoch->plan;
   frame.counters.clear();
+  frame.counters.reserve(size_t{plan.samplers} * plan.sweeps);
   frame.scale = plan.scale;
   frame.info = {end.number, end.time, end.run.arrived, end.epoch->settings, plan.samplers * plan.sweeps, end.flags, 0};
   for (; first_ <= last; ++first_) {

@@ -141,6 +141,7 @@ class Stream final : public HandlePart, public ProgramOwner {
   uint32_t changes_ = 0;  // under way, one in another
 
   // Where the chip and the bridge are once everything that is ordered has been carried out.
+  BusProgram park_;
   bool parked_ = true;     // nothing sweeps, the window is where the settings say
   bool resting_ = false;   // nothing sweeps
   bool sweeping_ = false;  // the next sweep to collect runs, since sweep_began_

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -97,17 +98,23 @@ class CommandLog {
   ~CommandLog() { current = outer_; }
   CommandLog(const CommandLog &) = delete;
   CommandLog &operator=(const CommandLog &) = delete;
-  // The commands since the last call.
-  std::vector<Command> take() { return std::exchange(commands_, {}); }
+  // The commands since the last call. Throws when memory was too short to note them.
+  std::vector<Command> take() {
+    if (std::exchange(incomplete_, false)) throw std::bad_alloc();
+    return std::exchange(commands_, {});
+  }
 
-  static void note(const uint8_t *command, size_t length) {
+  static void note(const uint8_t *command, size_t length) noexcept try {
     if (current) current->commands_.emplace_back(command, command + length);
+  } catch (const std::bad_alloc &) {
+    current->incomplete_ = true;
   }
 
  private:
   static inline thread_local CommandLog *current = nullptr;
   CommandLog *outer_;
   std::vector<Command> commands_;
+  bool incomplete_ = false;
 };
 
 }  // namespace pulsekit::chip

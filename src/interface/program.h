@@ -97,7 +97,8 @@ bool hasPrograms(const InterfaceHandle *bridge);
 // Hertz of the SPI clock; what programs count in where they are carried out step by step.
 double spiClock(const InterfaceHandle *bridge);
 
-// Whether the program, behind a pause of so many clocks, can be ordered now without a write that could block.
+// Whether the program, behind a pause of so many clocks, can be ordered now without a write that could block. Throws
+// when memory is too short to compile it.
 bool programFits(InterfaceHandle *bridge, BusProgram &program, uint64_t pause = 0);
 // Puts the program behind those that are queued. Codes: 2 it does not fit, 262 no such pin or channel.
 int32_t queueProgram(InterfaceHandle *bridge, BusProgram &program, uint64_t pause, ProgramRun &run);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "Pulsekit3_stream.h"
 #include "host.h"
 
 namespace {
@@ -94,6 +95,17 @@ TEST_F(OutOfMemory, IsACodeOfEveryFunctionThatAllocates) {
   atEveryAllocation("save", [&] { return QTX_VarsSaveToFile(handle, path.c_str()); });
   atEveryAllocation("flash", [&] { return QTX_VarsSaveToFlash(handle); });
   atEveryAllocation("from flash", [&] { return QTX_VarsLoadFromFlash(handle); });
+  ASSERT_EQ(QTX_VarSetIntValue_ByName(handle, "FrameStitch", 2), 0);
+  // Frames that are there are handed out before the failure of ordering more.
+  const auto stream = [&] {
+    uint32_t count = 0;
+    int32_t code = QTX_StreamStart(handle, nullptr);
+    for (int i = 0; i < 3 && code == 0; ++i) {
+      code = QTX_StreamRead(handle, frame.data(), 4096, nullptr, 9, &count, 1000);
+    }
+    return code;
+  };
+  atEveryAllocation("stream", stream, [&] { QTX_StreamStop(handle); });
 }
 
 }  // namespace

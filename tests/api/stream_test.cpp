@@ -3,6 +3,7 @@
 #include <cstring>
 #include <functional>
 
+#include "Pulsekit3_control.h"
 #include "Pulsekit3_stream.h"
 #include "bench.h"
 
@@ -17,9 +18,50 @@ struct Frame {
   Counters counters;
 };
 
+// Looks on at every call of the bridge library.
+struct Watch {
+  static const FTx232H_D2XX *table() {
+    static const FTx232H_D2XX watched = [] {
+      FTx232H_D2XX functions = *QTXSim_D2XX();
+      functions.Write = [](FT_HANDLE handle, const void *bytes, uint32_t count, uint32_t *written) {
+        note();
+        const uint64_t begun = QTXSim_Nanoseconds();
+        const FT_STATUS status = QTXSim_D2XX()->Write(handle, bytes, count, written);
+        watch.longest_write = std::max(watch.longest_write, QTXSim_Nanoseconds() - begun);
+        return status;
+      };
+      functions.Read = [](FT_HANDLE handle, void *bytes, uint32_t count, uint32_t *got) {
+        note();
+        return QTXSim_D2XX()->Read(handle, bytes, count, got);
+      };
+      functions.GetQueueStatus = [](FT_HANDLE handle, uint32_t *count) {
+        note();
+        return QTXSim_D2XX()->GetQueueStatus(handle, count);
+      };
+      return functions;
+    }();
+    return &watched;
+  }
+  static void note() {
+    if (++watch.calls == watch.act_at) watch.act();
+  }
+  static Watch watch;
+
+  uint32_t act_at = 0;
+  std::function<void()> act;
+  uint32_t calls = 0;
+  uint64_t longest_write = 0;
+};
+Watch Watch::watch;
+Watch &watch = Watch::watch;
+
 class Streams : public Bench {
  protected:
-  Streams() { addRadar(); }
+  Streams() {
+    watch = {};
+    FTx232H_SetD2XX(Watch::table());
+    addRadar();
+  }
 
   void open(const Settings &settings = {}) {
     const QTXSim_Reflector wall = {1.1, 900, QTXSIM_STILL, 0, 0, 0};
@@ -145,6 +187,27 @@ TEST_F(Streams, HostThatStopsNowAndThenMissesNothing) {
     ASSERT_EQ(frames[i].counters, expected);
     EXPECT_EQ(frames[i].info.number, i);
     EXPECT_NEAR(frames[i].info.time - frames[i - 1].info.time, statistics().frame_time, 1e-6);
+  }
+}
+
+// As many sweeps as its FIFO takes commands of, and no write that would have to wait.
+TEST_F(Streams, OrdersAsFarAheadAsTheBridgeTakes) {
+  QTXSim_AddRadar("FT0002", "", QTXSIM_FT4232H, "QTX-K245", "QTX3701");
+  QTXSim_AddRadar("FT0003", "", QTXSIM_FT2232H, "QTX-K245", "QTX3702");
+  const std::tuple<const char *, const char *, uint32_t> cases[] = {
+      {"FT0001AB", "QTX3701", 13}, {"FT0002A", "QTX3701", 26}, {"FT0003A", "QTX3702", 53}};
+  for (const auto &[serial, chip, ahead] : cases) {
+    ASSERT_EQ(QTX_OpenRadar(radar, (device(serial) + "!QTX-K245!" + chip).c_str()), 0);
+    watch = {};
+    ASSERT_EQ(start(), 0);
+    read(size_t{100});
+    EXPECT_GE(statistics().in_flight, ahead);
+    EXPECT_EQ(watch.longest_write, 125'000u);
+    EXPECT_EQ(QTX_StreamStop(radar), 0);
+    ASSERT_EQ(start(0, QTX_STREAM_RAW, 2), 0);
+    read(size_t{10});
+    EXPECT_EQ(statistics().in_flight, 2u);
+    EXPECT_EQ(QTX_CloseRadar(radar), 0) << "with its stream";
   }
 }
 
@@ -315,6 +378,84 @@ TEST_F(Streams, FaultsNeverGiveABadFrame) {
       }
     }
   }
+}
+
+TEST_F(Streams, CancelledAtEveryCallInTurn) {
+  open({{"SPIClockFrequency", "30MHz"}, {"FrameStitch", "2"}});
+  const Counters expected = single();
+  int cancelled = 0;
+  for (uint32_t nth = 1; nth < 160; nth += nth < 10 ? 1 : 6) {
+    SCOPED_TRACE(nth);
+    watch = {nth, [&] { QTX_Cancel(radar); }, 0, 0};
+    const int32_t started = start();
+    std::vector<Frame> frames;
+    while (started == 0 && frames.size() < 8) {
+      const int32_t code = read(frames);
+      EXPECT_TRUE(code == 0 || code == 1537) << code;
+      cancelled += code == 1537;
+    }
+    EXPECT_TRUE(started == 0 || started == 1537) << started << description(radar);
+    cancelled += started == 1537;
+    for (size_t i = 0; i < frames.size(); ++i)
+      EXPECT_TRUE(frames[i].counters == expected && frames[i].info.number == i);
+    watch = {};
+    EXPECT_EQ(QTX_StreamStop(radar), 0);
+    EXPECT_EQ(single(), expected);
+  }
+  EXPECT_GT(cancelled, 15);
+}
+
+// What a bridge can't carry out by itself is carried out for it; a host that looks on at every transfer sees them all.
+TEST_F(Streams, WithoutProgramsTheFramesAreTheSame) {
+  for (const char *stitch : {"1", "3"}) {
+    open({{"FrameStitch", stitch}});
+    const Counters expected = single();
+    radar->interface_handle->SetIO = [](InterfaceHandle *bridge, uint32_t pin, uint32_t value) {
+      return bridge->SetIO_Direction(bridge, pin, 1, value);
+    };
+    ASSERT_EQ(start(), 0) << description(radar);
+    for (const Frame &frame : read(size_t{5})) EXPECT_EQ(frame.counters, expected);
+    EXPECT_EQ(QTX_StreamStop(radar), 0);
+    EXPECT_EQ(single(), expected);
+  }
+}
+
+TEST_F(Streams, EndsWithTheHandleAndIsRefusedByTheFirstGeneration) {
+  QTXSim_AddRadar("FT0002", "", QTXSIM_FT232H, "QTX-K245", "QTX3500");
+  ASSERT_EQ(QTX_OpenRadar(radar, (device("FT0002") + "!QTX-K245!QTX3500").c_str()), 0);
+  EXPECT_EQ(start(), 4);
+  EXPECT_NE(description(radar).find("is not implemented for this chip"), std::string::npos);
+  open();
+  ASSERT_EQ(start(), 0);
+  open();
+  uint32_t count = 0;
+  EXPECT_EQ(QTX_StreamRead(radar, buffer.data(), 4096, nullptr, 1, &count, 0), 1539) << "opened anew";
+  ASSERT_EQ(start(), 0);
+}
+
+// Answers that stay away end a read at its time-out, then as a fault; the stream goes on.
+TEST_F(Streams, FramesAreLoggedAndWaitsEnd) {
+  open();
+  const std::string path = testing::TempDir() + "stream.log";
+  EXPECT_EQ(QTX_FrameLoggingStart(radar, path.c_str(), 0x21, 0), 0);
+  ASSERT_EQ(start(), 0);
+  read(size_t{3});
+  EXPECT_EQ(QTX_FrameLoggingStop(radar), 0);
+  FILE *log = std::fopen(path.c_str(), "rb");
+  std::fseek(log, 0, SEEK_END);
+  EXPECT_EQ((std::ftell(log) - 32) % (8 + 1024), 0);
+  EXPECT_GE(std::ftell(log), 32 + 3 * (8 + 1024));
+  std::fclose(log);
+  std::remove(path.c_str());
+  QTXSim_LoseAnswer(0, 0, 100'000);
+  std::vector<Frame> frames;
+  int32_t code = 0;
+  while (code == 0) code = read(frames, 1);
+  EXPECT_TRUE(code == 1538 || code == 270) << code;
+  QTXSim_ClearFaults();
+  while (read(frames) != 0) {
+  }
+  EXPECT_EQ(frames.back().info.flags, uint32_t{QTX_FRAME_RETAKEN});
 }
 
 }  // namespace pulsekit::test

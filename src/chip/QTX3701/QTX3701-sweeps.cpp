@@ -1,6 +1,7 @@
 // Sweeps as parts of bus programs. Every part says in one chip-select frame what frame capture says in one transfer.
 #include <algorithm>
 #include <iterator>
+#include <new>
 
 #include "../driver.h"
 #include "../sweeps.h"
@@ -132,7 +133,12 @@ int32_t plan(ChipHandle *chip, SweepPlan &plan) {
 
   const SamplingWindow window(set);
   const WindowSettings before(set);
-  int32_t code = visitPositions(window, plan.sweeps, plan.positions);
+  int32_t code = kSuccess;
+  try {
+    code = visitPositions(window, plan.sweeps, plan.positions);
+  } catch (const std::bad_alloc &) {
+    code = origin(record, HERE, kOutOfMemory);
+  }
   if (code == kSuccess) code = window.putBack();
   if (code == kSuccess) return kSuccess;
   passThrough(record, HERE, code);

@@ -312,7 +312,7 @@ class Wait {
     if (slept_ > limit_) return kInterfaceTimeout;
     if (++polls_ < kPollsBeforeNaps) return kSuccess;
     ++slept_;
-    pauseWait(owner_, 1);
+    QTX_sleep_ms(1);
     return kSuccess;
   }
 
@@ -402,12 +402,10 @@ double clockFrequency(const InterfaceHandle *bridge) {
   return connection ? clockOf(*connection) : 60e6 / 2;
 }
 
-bool fitsNow(InterfaceHandle *bridge, BusProgram &program, uint64_t pause) try {
+bool fitsNow(InterfaceHandle *bridge, BusProgram &program, uint64_t pause) {
   const FTx232H_Connection *connection = openConnection(bridge);
   if (!connection || compile(bridge, program).code) return true;  // ordering it says what is wrong
   return fits(*connection, program, FTx232H_pauseLength(pause) + program.compiled.stream.size(), pause);
-} catch (const std::bad_alloc &) {
-  return true;
 }
 
 int32_t order(InterfaceHandle *bridge, BusProgram &program, uint64_t pause, ProgramRun &run) try {
