@@ -235,7 +235,8 @@ int32_t Stream::put(const Order &next) {
   if (int32_t code = queueProgram(bridge(), *next.program, next.pause, one.run)) return code;
   const Epoch &epoch = *epoch_;
   ++ordered_;
-  parked_ = resting_ = false;
+  parked_ = false;
+  resting_ = resting_ && next.kind == Kind::kRest;
   one.epoch = epoch_;
   one.kind = next.kind;
   one.sweep = next_sweep_;
@@ -316,8 +317,10 @@ void Stream::collect() {
   takeAnswers(bridge());
   check();
   if (!hasPrograms(bridge())) return;
+  // What is still in flight ends after now, and no later than it takes.
   const auto now = static_cast<double>(QTX_timestamp_us());
-  expected_end_ = checked_ == ordered_ ? std::min(expected_end_, now) : std::max(expected_end_, now);
+  const double left = epoch_ ? static_cast<double>(clocks_in_flight_) * 1e6 / epoch_->clock : 0;
+  expected_end_ = checked_ == ordered_ ? std::min(expected_end_, now) : std::clamp(expected_end_, now, now + left);
 }
 
 void Stream::check() {

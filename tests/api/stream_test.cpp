@@ -6,6 +6,8 @@
 #include "Pulsekit3_control.h"
 #include "Pulsekit3_stream.h"
 #include "bench.h"
+#include "interface/interface.h"
+#include "support/QTX_Handle.h"
 
 namespace pulsekit::test {
 namespace {
