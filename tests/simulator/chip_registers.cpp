@@ -4,7 +4,6 @@
 #include <random>
 #include <string>
 
-#include "RegisterFile.h"
 #include "chip_bus.h"
 
 using namespace pulsekit::simulator;
@@ -20,15 +19,6 @@ TEST(ChipModels, AnswerTheirIdInTheirByteOrder) {
   EXPECT_EQ(ChipBus("QTX3702").transfer({2, 2}, 2), (Bytes{0x08, 0x03}));
   EXPECT_EQ(ChipBus("QTX3701x").chip, nullptr);
   EXPECT_EQ(ChipBus("").chip, nullptr);
-}
-
-TEST(ChipRegisters, WithdrawnUpdatesAreForgotten) {
-  RegisterFile registers(Generation::second);
-  for (int i = 0; i < 3; ++i) {
-    registers.setLater(0x47, 1, 0, 100, 0);
-    registers.set(0x47, 1, 1, 0);
-  }
-  EXPECT_EQ(registers.updatesToCome(), 0u);
 }
 
 TEST(ChipRegisters, SecondGenerationResetValuesAndFields) {
@@ -70,12 +60,8 @@ TEST(ChipRegisters, AWriteCutShortChangesNothing) {
   EXPECT_EQ(bus.read(0x3C, 2), 10u);
   bus.transfer({0xBC, 2, 0x34, 0x12, 0xFF}, 0);  // bytes past the count are nobody's
   EXPECT_EQ(bus.read(0x3C, 2), 0x1234u);
-}
-
-TEST(ChipRegisters, CountZeroIsAnActionNotAWrite) {
-  ChipBus bus("QTX3701");
   bus.transfer({0x80 | 0x21, 0x00, 0xFF, 0xFF}, 0);
-  EXPECT_EQ(bus.read(0x21, 2), 0x0F80u);
+  EXPECT_EQ(bus.read(0x21, 2), 0x0F80u) << "count 0 is an action";
 }
 
 TEST(ChipRegisters, FirstGenerationSendsMostSignificantByteFirst) {
@@ -112,14 +98,6 @@ TEST(ChipFaults, StuckBitsAndForeignIdSurviveAReset) {
   bus.chip->stickBits(0x3B, 0, 0);
   bus.write(0x3B, 4, 0x2003A);
   EXPECT_EQ(bus.read(0x3B, 4), 0x2003Au);
-}
-
-TEST(ChipFaults, ReadOnlyRegistersCanBeForced) {
-  ChipBus bus("QTX3701");
-  bus.chip->setRegisterValue(0x47, 1);
-  EXPECT_EQ(bus.read(0x47, 2), 1u);
-  bus.chip->setRegisterValue(0x47, 0);
-  EXPECT_EQ(bus.read(0x47, 2), 0u);
 }
 
 // Whatever is written and triggered, a status says only what it can say and a frame holds no more hits than pulses.

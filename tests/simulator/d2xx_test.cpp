@@ -35,21 +35,22 @@ class D2xxTest : public Bench {
   }
 };
 
-TEST_F(D2xxTest, EmptyBench_ListsNothing) {
+TEST_F(D2xxTest, List_StaysAsItWasUntilItIsBuiltAnew) {
   EXPECT_EQ(0u, number());
   EXPECT_EQ("status 2 ?", listed(0));
-  EXPECT_TRUE(nodes().empty());
-  EXPECT_EQ(FT_DEVICE_NOT_FOUND, openBy("", FT_OPEN_BY_SERIAL_NUMBER));
-}
-
-TEST_F(D2xxTest, List_StaysAsItWasUntilItIsBuiltAnew) {
   const int32_t first = add("A1");
+  FT_Node node;
+  uint32_t count = 1;
   EXPECT_EQ(1u, number());
+  EXPECT_EQ(FT_DEVICE_LIST_NOT_READY, d2xx().GetDeviceInfoList(&node, &count));
   add("B2");
   EXPECT_EQ("status 2 ?", listed(1));
   EXPECT_EQ(2u, number());
   EXPECT_EQ("B2", listed(1));
   EXPECT_EQ("Radar", listed(1, FT_OPEN_BY_DESCRIPTION));
+  char one[16], two[16], *texts[] = {one, two, nullptr};
+  ASSERT_EQ(FT_OK, d2xx().ListDevices(texts, &count, FT_LIST_ALL | FT_OPEN_BY_SERIAL_NUMBER));
+  EXPECT_EQ("2A1B2", std::to_string(count) + one + two);
   QTXSim_Unplug(first);
   EXPECT_EQ("A1", listed(0)) << "the old list still shows it";
   EXPECT_EQ(FT_DEVICE_NOT_FOUND, openBy("A1", FT_OPEN_BY_SERIAL_NUMBER));
@@ -57,35 +58,16 @@ TEST_F(D2xxTest, List_StaysAsItWasUntilItIsBuiltAnew) {
   EXPECT_EQ("B2", listed(0));
 }
 
-TEST_F(D2xxTest, ListAll_FillsTheCallersTexts) {
-  add("A1");
-  add("B2");
-  char first[16], second[16];
-  char *texts[] = {first, second, nullptr};
-  uint32_t count = 0;
-  ASSERT_EQ(FT_OK, d2xx().ListDevices(texts, &count, FT_LIST_ALL | FT_OPEN_BY_SERIAL_NUMBER));
-  EXPECT_EQ(2u, count);
-  EXPECT_STREQ("A1", first);
-  EXPECT_STREQ("B2", second);
-}
-
-TEST_F(D2xxTest, Nodes_OnlyAfterTheListWasCreated) {
-  add("A1");
-  FT_Node node;
-  uint32_t count = 1;
-  EXPECT_EQ(1u, number());
-  EXPECT_EQ(FT_DEVICE_LIST_NOT_READY, d2xx().GetDeviceInfoList(&node, &count));
-  EXPECT_EQ(1u, nodes().size());
-}
-
 TEST_F(D2xxTest, BridgesWithChannels_CarryLetters) {
   add("FT0001AB");
   add("FT0002CD", QTXSIM_FT2232H);
   add("FT0003EF", QTXSIM_FT4232H);
   std::string text;
-  for (const FT_Node &node : nodes()) {
+  const std::vector<FT_Node> list = nodes();
+  for (const FT_Node &node : list) {
     text += std::string(node.SerialNumber) + "|" + node.Description + "|" + std::to_string(node.Type) + " ";
     EXPECT_EQ(FT_FLAGS_HISPEED, static_cast<int>(node.Flags));
+    EXPECT_TRUE(&node == list.data() || node.LocId != (&node)[-1].LocId);
   }
   EXPECT_EQ(
       "FT0001AB|Radar|8 FT0002CDA|Radar A|6 FT0002CDB|Radar B|6 "
@@ -94,19 +76,11 @@ TEST_F(D2xxTest, BridgesWithChannels_CarryLetters) {
   EXPECT_EQ(FT_DEVICE_NOT_FOUND, openBy("FT0002CD", FT_OPEN_BY_SERIAL_NUMBER));
   EXPECT_EQ(FT_OK, openBy("FT0002CDB", FT_OPEN_BY_SERIAL_NUMBER));
   EXPECT_EQ(FT_OK, openBy("Radar A", FT_OPEN_BY_DESCRIPTION));
+  EXPECT_EQ(FT_OK, openBy(reinterpret_cast<void *>(static_cast<uintptr_t>(list[4].LocId)), FT_OPEN_BY_LOCATION));
+  EXPECT_EQ(FT_FLAGS_OPENED | FT_FLAGS_HISPEED, static_cast<int>(nodes()[4].Flags));
 }
 
-TEST_F(D2xxTest, Locations_AreDistinctAndOpen) {
-  add("A1");
-  add("B2", QTXSIM_FT2232H);
-  const std::vector<FT_Node> list = nodes();
-  EXPECT_NE(list[0].LocId, list[1].LocId);
-  EXPECT_NE(list[1].LocId, list[2].LocId);
-  EXPECT_EQ(FT_OK, openBy(reinterpret_cast<void *>(static_cast<uintptr_t>(list[2].LocId)), FT_OPEN_BY_LOCATION));
-  EXPECT_EQ(FT_FLAGS_OPENED | FT_FLAGS_HISPEED, static_cast<int>(nodes()[2].Flags));
-}
-
-TEST_F(D2xxTest, OpenDevice_ListsAsInUseAndShowsItsHandle) {
+TEST_F(D2xxTest, DevicesInUse_DoNotOpenAndOnlyTheirOwnerSeesTheirTexts) {
   plugIn();
   open();
   EXPECT_EQ(1u, number());
@@ -118,20 +92,14 @@ TEST_F(D2xxTest, OpenDevice_ListsAsInUseAndShowsItsHandle) {
   EXPECT_EQ(handle, node.Handle);
   ASSERT_EQ(FT_OK, d2xx().Close(handle));
   EXPECT_EQ("FT0001AB", listed(0));
-}
-
-TEST_F(D2xxTest, DeviceOfAnotherProcess_IsListedWithoutTextsAndDoesNotOpen) {
-  plugIn();
   QTXSim_SetHeld(device, 1);
   EXPECT_EQ(1u, number());
   EXPECT_EQ("status 3 ", listed(0));
-  const FT_Node node = nodes().at(0);
-  EXPECT_EQ(1u, node.Flags);
-  EXPECT_EQ(3u, node.Type);
-  EXPECT_STREQ("", node.SerialNumber);
+  const FT_Node held = nodes().at(0);
+  EXPECT_EQ(1u, held.Flags);
+  EXPECT_EQ(3u, held.Type);
+  EXPECT_STREQ("", held.SerialNumber);
   EXPECT_EQ(FT_DEVICE_NOT_OPENED, openBy("FT0001AB", FT_OPEN_BY_SERIAL_NUMBER));
-  QTXSim_SetHeld(device, 0);
-  EXPECT_EQ(FT_OK, openBy("FT0001AB", FT_OPEN_BY_SERIAL_NUMBER));
 }
 
 // Every function on a handle, with arguments that are fine.
@@ -165,7 +133,10 @@ TEST_F(D2xxTest, Handles_AreInvalidAfterClosingAndAfterReset) {
 }
 
 TEST_F(D2xxTest, UnpluggedDevice_FailsUntilItIsOpenedAnew) {
-  plugIn();
+  plugInAndPowerUp();
+  ASSERT_EQ(FT_OK, d2xx().Close(handle));
+  EXPECT_EQ(1, QTXSim_PinLevel(device, 5)) << "closing changes nothing";
+  EXPECT_EQ(1, QTXSim_PinIsOutput(device, 5));
   open();
   QTXSim_Unplug(device);
   const std::vector<FT_STATUS> failed(8, FT_IO_ERROR);
@@ -184,65 +155,59 @@ TEST_F(D2xxTest, UnpluggedDevice_FailsUntilItIsOpenedAnew) {
 TEST_F(D2xxTest, BadArguments_AreRefused) {
   plugIn();
   open();
+  const FTx232H_D2XX &table = d2xx();
   uint8_t byte = 0;
   uint32_t count = 0;
   FT_HANDLE opened = nullptr;
-  EXPECT_EQ(FT_INVALID_PARAMETER, d2xx().SetLatencyTimer(handle, 0));
   for (uint32_t size : {0u, 63u, 100u, 65600u}) {
-    EXPECT_EQ(FT_INVALID_PARAMETER, d2xx().SetUSBParameters(handle, size, 4096)) << size;
-    EXPECT_EQ(FT_INVALID_PARAMETER, d2xx().SetUSBParameters(handle, 4096, size)) << size;
+    EXPECT_EQ(FT_INVALID_PARAMETER, table.SetUSBParameters(handle, size, 4096)) << size;
+    EXPECT_EQ(FT_INVALID_PARAMETER, table.SetUSBParameters(handle, 4096, size)) << size;
   }
-  EXPECT_EQ(FT_NOT_SUPPORTED, d2xx().SetBitMode(handle, 0, 1));
-  EXPECT_EQ(FT_IO_ERROR, d2xx().Write(handle, nullptr, 1, &count));
-  EXPECT_EQ(FT_IO_ERROR, d2xx().Read(handle, nullptr, 1, &count));
-  EXPECT_EQ(FT_INVALID_PARAMETER, d2xx().Write(handle, &byte, 1, nullptr));
-  EXPECT_EQ(FT_INVALID_PARAMETER, d2xx().Read(handle, &byte, 1, nullptr));
-  EXPECT_EQ(FT_INVALID_PARAMETER, d2xx().GetQueueStatus(handle, nullptr));
-  EXPECT_EQ(FT_INVALID_PARAMETER, d2xx().OpenEx(nullptr, FT_OPEN_BY_SERIAL_NUMBER, &opened));
-  EXPECT_EQ(FT_INVALID_PARAMETER, d2xx().OpenEx("FT0001AB", 0, &opened));
-  EXPECT_EQ(FT_INVALID_PARAMETER, d2xx().OpenEx("FT0001AB", FT_OPEN_BY_SERIAL_NUMBER, nullptr));
-  EXPECT_EQ(FT_INVALID_PARAMETER, d2xx().ListDevices(nullptr, nullptr, FT_LIST_NUMBER_ONLY));
-  EXPECT_EQ(FT_INVALID_PARAMETER, d2xx().ListDevices(nullptr, &byte, FT_LIST_BY_INDEX));
-  EXPECT_EQ(FT_INVALID_PARAMETER, d2xx().ListDevices(nullptr, nullptr, FT_OPEN_BY_SERIAL_NUMBER));
-  EXPECT_EQ(FT_INVALID_PARAMETER, d2xx().CreateDeviceInfoList(nullptr));
+  EXPECT_EQ(FT_NOT_SUPPORTED, table.SetBitMode(handle, 0, 1));
   EXPECT_EQ(1u, nodes().size());
-  EXPECT_EQ(FT_INVALID_PARAMETER, d2xx().GetDeviceInfoList(nullptr, &count));
-}
-
-TEST_F(D2xxTest, BadDevices_AreNotAdded) {
-  EXPECT_EQ(-1, add(nullptr));
-  EXPECT_EQ(-1, add(""));
-  EXPECT_EQ(-1, add("1234567890123456"));
-  EXPECT_EQ(-1, add("123456789012345", QTXSIM_FT2232H)) << "no room for the letter";
-  EXPECT_EQ(-1, add("A1", 3));
-  EXPECT_EQ(-1, QTXSim_AddRadar("A1", std::string(64, 'x').c_str(), QTXSIM_FT232H, nullptr, nullptr));
-  EXPECT_EQ(-1, QTXSim_AddRadar("A1", "", QTXSIM_FT232H, std::string(32, 'x').c_str(), nullptr));
-  EXPECT_EQ(-1, QTXSim_AddRadar("A1", "", QTXSIM_FT232H, nullptr, "QTX3701")) << "a chip needs a board";
-  EXPECT_EQ(-1, QTXSim_AddRadar("A1", "", QTXSIM_FT232H, "QTX-K245", "QTX9999"));
-  EXPECT_EQ(0u, number());
-  EXPECT_EQ(0, add("123456789012345"));
+  EXPECT_EQ(FT_IO_ERROR, table.Write(handle, nullptr, 1, &count));
+  EXPECT_EQ(FT_IO_ERROR, table.Read(handle, nullptr, 1, &count));
+  const std::vector<FT_STATUS> statuses = {table.Write(handle, &byte, 1, nullptr),
+                                           table.Read(handle, &byte, 1, nullptr),
+                                           table.GetQueueStatus(handle, nullptr),
+                                           table.SetLatencyTimer(handle, 0),
+                                           table.OpenEx(nullptr, FT_OPEN_BY_SERIAL_NUMBER, &opened),
+                                           table.OpenEx("FT0001AB", 0, &opened),
+                                           table.OpenEx("FT0001AB", FT_OPEN_BY_SERIAL_NUMBER, nullptr),
+                                           table.ListDevices(nullptr, nullptr, FT_LIST_NUMBER_ONLY),
+                                           table.ListDevices(nullptr, &byte, FT_LIST_BY_INDEX),
+                                           table.ListDevices(nullptr, nullptr, FT_OPEN_BY_SERIAL_NUMBER),
+                                           table.CreateDeviceInfoList(nullptr),
+                                           table.GetDeviceInfoList(nullptr, &count)};
+  EXPECT_EQ(std::vector<FT_STATUS>(12, FT_INVALID_PARAMETER), statuses);
 }
 
 TEST_F(D2xxTest, Functions_OnWhatIsNotThereAreRefused) {
-  const int32_t bare = add("A1");
+  const std::string longName(64, 'x'), longBoard(32, 'x');
+  const auto with = [](const char *text, const char *board, const char *chip) {
+    return QTXSim_AddRadar("A1", text, QTXSIM_FT232H, board, chip);
+  };
+  EXPECT_EQ(std::vector<int32_t>(9, -1),
+            (std::vector<int32_t>{add(nullptr), add(""), add("1234567890123456"), add("A1", 3),
+                                  add("123456789012345", QTXSIM_FT2232H), with(longName.c_str(), nullptr, nullptr),
+                                  with("", longBoard.c_str(), nullptr), with("", nullptr, "QTX3701"),
+                                  with("", "QTX-K245", "QTX9999")}));
+  const int32_t bare = add("123456789012345"), board = QTXSim_AddRadar("B2", "", QTXSIM_FT232H, "", nullptr);
+  EXPECT_EQ(0, bare);
   uint8_t byte = 0;
   uint64_t value = 0;
   for (int32_t number : {bare, 7, -1}) {
-    EXPECT_EQ(-1, QTXSim_FlashRead(number, 0, &byte, 1));
-    EXPECT_EQ(-1, QTXSim_OtpWrite(number, 0, &byte, 1));
-    EXPECT_EQ(-1, QTXSim_FlashPresent(number, 1));
-    EXPECT_EQ(-1, QTXSim_PowerCycle(number));
-    EXPECT_EQ(-1, QTXSim_ChipRegister(number, 0, &value));
+    EXPECT_EQ(std::vector<int32_t>(5, -1),
+              (std::vector<int32_t>{QTXSim_FlashRead(number, 0, &byte, 1), QTXSim_OtpWrite(number, 0, &byte, 1),
+                                    QTXSim_FlashPresent(number, 1), QTXSim_PowerCycle(number),
+                                    QTXSim_ChipRegister(number, 0, &value)}));
   }
-  EXPECT_EQ(-1, QTXSim_Unplug(7));
-  EXPECT_EQ(-1, QTXSim_PinLevel(bare, 16));
-  EXPECT_EQ(-1, QTXSim_DrivePin(bare, 3, 2));
-  EXPECT_EQ(-1, QTXSim_FailCall("Wrote", 1, 1, 4));
-  EXPECT_EQ(-1, QTXSim_FailCall("Write", 0, 1, 4));
-  const int32_t board = QTXSim_AddRadar("B2", "", QTXSIM_FT232H, "", nullptr);
-  EXPECT_EQ(-1, QTXSim_FlashRead(board, QTXSIM_FLASH_SIZE, &byte, 1));
-  EXPECT_EQ(-1, QTXSim_FlashWrite(board, 1, &byte, 0xFFFFFFFF));
-  EXPECT_EQ(-1, QTXSim_OtpRead(board, QTXSIM_OTP_SIZE - 1, &byte, 2));
+  EXPECT_EQ(
+      std::vector<int32_t>(8, -1),
+      (std::vector<int32_t>{
+          QTXSim_Unplug(7), QTXSim_PinLevel(bare, 16), QTXSim_DrivePin(bare, 3, 2), QTXSim_FailCall("Wrote", 1, 1, 4),
+          QTXSim_FailCall("Write", 0, 1, 4), QTXSim_FlashRead(board, QTXSIM_FLASH_SIZE, &byte, 1),
+          QTXSim_FlashWrite(board, 1, &byte, 0xFFFFFFFF), QTXSim_OtpRead(board, QTXSIM_OTP_SIZE - 1, &byte, 2)}));
   EXPECT_EQ(0, QTXSim_OtpRead(board, QTXSIM_OTP_SIZE - 1, &byte, 1));
   EXPECT_EQ(0xFF, byte);
 }
@@ -260,16 +225,6 @@ TEST_F(D2xxTest, ChannelsOfALargeBridge) {
   EXPECT_EQ(FT_OK, d2xx().SetBitMode(handle, 0, 0));
   write({0xAA});
   EXPECT_EQ(0u, queued());
-}
-
-TEST_F(D2xxTest, Levels_StayAfterClosing) {
-  plugInAndPowerUp();
-  ASSERT_EQ(FT_OK, d2xx().Close(handle));
-  EXPECT_EQ(1, QTXSim_PinLevel(device, 5));
-  EXPECT_EQ(1, QTXSim_PinIsOutput(device, 5));
-  QTXSim_Unplug(device);
-  QTXSim_Replug(device);
-  EXPECT_EQ(0, QTXSim_PinLevel(device, 5));
 }
 
 }  // namespace simtest

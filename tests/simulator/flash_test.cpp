@@ -43,23 +43,25 @@ TEST_F(FlashTest, Program_OnlyClearsBits_EraseSetsThem) {
   erase(0x001FFF);
   EXPECT_EQ((Bytes{0xFF, 0xFF}), content(0x1000, 2));
   EXPECT_EQ((Bytes{0x00}), content(0x2000, 1)) << "the neighbouring sector was erased too";
+  program(0x02, 0xFFFFFE, {1, 2, 3, 4});  // wraps inside its page
+  EXPECT_EQ((Bytes{3, 4, 0xFF}), content(0xFFFF00, 3));
+  EXPECT_EQ((Bytes{1, 2, 0xFF}), flashFrame({0x03, 0xFF, 0xFF, 0xFE}, 3)) << "a read goes on at the start";
 }
 
-TEST_F(FlashTest, Program_WrapsInsideItsPage) {
-  program(0x02, 0x0010FE, {1, 2, 3, 4});
-  EXPECT_EQ((Bytes{1, 2, 0xFF}), content(0x10FE, 3));
-  EXPECT_EQ((Bytes{3, 4, 0xFF}), content(0x1000, 3));
-}
-
-TEST_F(FlashTest, WithoutWriteEnable_NothingChanges) {
+TEST_F(FlashTest, WithoutWriteEnableOrItsLength_NothingChanges) {
   flashFrame({0x02, 0, 0, 0, 0x00});
   finish();
   program(0x02, 0x10, {0x12});
   flashFrame({0x02, 0, 0, 1, 0x00});  // the latch fell with the program before
   flashFrame({0x06});
+  for (const Bytes &wrongLength : {Bytes{0x20, 0, 0}, Bytes{0x20, 0, 0, 0, 0}, Bytes{0x60, 0}}) flashFrame(wrongLength);
   flashFrame({0x04});
   flashFrame({0x20, 0, 0, 0});
   finish();
+  flashFrame({0x06});
+  QTXSim_Advance(1000);
+  QTXSim_PowerCycle(device);
+  EXPECT_EQ(0x00, status()) << "the latch falls with the power";
   EXPECT_EQ((Bytes{0xFF, 0xFF}), content(0, 2));
   EXPECT_EQ((Bytes{0x12}), content(0x10, 1));
 }
@@ -76,35 +78,25 @@ TEST_F(FlashTest, Status_ShowsLatchBusyAndTheirEnd) {
 }
 
 struct Duration {
-  const char *name;
   Bytes command;
   uint64_t least, most;  // microseconds
 };
 
-class FlashDuration : public FlashTest, public ::testing::WithParamInterface<Duration> {};
-
-TEST_P(FlashDuration, BusyForAsLong) {
-  const uint64_t start = [&] {
+TEST_F(FlashTest, Operations_TakeTheirTime) {
+  for (const Duration &row : {Duration{{0x20, 0, 0, 0}, 44'000, 47'000}, Duration{{0xD8, 0, 0, 0}, 59'000, 62'000},
+                              Duration{{0x60}, 90'000, 101'500}, Duration{{0xC7}, 90'000, 101'500},
+                              Duration{{0x02, 0, 0, 0, 1}, 500, 2'000}, Duration{{0x9B, 0, 0, 0, 1}, 250, 2'000}}) {
     flashFrame({0x06});
-    flashFrame(GetParam().command);
-    return QTXSim_Nanoseconds();
-  }();
-  int polls = 0;
-  while ((status() & 1) != 0) ++polls;
-  EXPECT_LT(polls, 200) << "a driver gives up after 200 polls";
-  const uint64_t took = (QTXSim_Nanoseconds() - start) / 1000;
-  EXPECT_GE(took, GetParam().least);
-  EXPECT_LE(took, GetParam().most);
+    flashFrame(row.command);
+    const uint64_t start = QTXSim_Nanoseconds();
+    int polls = 0;
+    while ((status() & 1) != 0) ++polls;
+    EXPECT_LT(polls, 200) << "a driver gives up after 200 polls";
+    const uint64_t took = (QTXSim_Nanoseconds() - start) / 1000;
+    EXPECT_GE(took, row.least) << int{row.command[0]};
+    EXPECT_LE(took, row.most) << int{row.command[0]};
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Operations, FlashDuration,
-                         ::testing::Values(Duration{"Sector", {0x20, 0, 0, 0}, 44'000, 47'000},
-                                           Duration{"Block", {0xD8, 0, 0, 0}, 59'000, 62'000},
-                                           Duration{"Chip", {0x60}, 90'000, 101'500},
-                                           Duration{"ChipToo", {0xC7}, 90'000, 101'500},
-                                           Duration{"Page", {0x02, 0, 0, 0, 1}, 500, 2'000},
-                                           Duration{"Otp", {0x9B, 0, 0, 0, 1}, 250, 2'000}),
-                         [](const auto &each) { return each.param.name; });
 
 TEST_F(FlashTest, Erase_CoversWhatItsCommandSays) {
   const uint32_t places[] = {0x00FFFF, 0x010000, 0x01FFFF, 0x020000, 0xFFFFFF};
@@ -124,32 +116,12 @@ TEST_F(FlashTest, Erase_CoversWhatItsCommandSays) {
     return text;
   };
   fill();
-  flashFrame({0x06});
-  flashFrame({0xD8, 0x01, 0x23, 0x45});
-  finish();
-  EXPECT_EQ("01100", erased());
-  flashFrame({0x06});
-  flashFrame({0xC7});
-  finish();
-  EXPECT_EQ("11111", erased());
-}
-
-TEST_F(FlashTest, Read_RunsOverTheEndAndStartsAgain) {
-  const Bytes end = {0xAA, 0xBB}, start = {0xCC};
-  QTXSim_FlashWrite(device, QTXSIM_FLASH_SIZE - 2, end.data(), 2);
-  QTXSim_FlashWrite(device, 0, start.data(), 1);
-  EXPECT_EQ((Bytes{0xAA, 0xBB, 0xCC}), flashFrame({0x03, 0xFF, 0xFF, 0xFE}, 3));
-}
-
-TEST_F(FlashTest, CommandOfTheWrongLength_IsNotCarriedOut) {
-  const uint8_t zero = 0;
-  QTXSim_FlashWrite(device, 0, &zero, 1);
-  flashFrame({0x06});
-  flashFrame({0x20, 0, 0});
-  flashFrame({0x20, 0, 0, 0, 0});
-  flashFrame({0x60, 0});
-  finish();
-  EXPECT_EQ((Bytes{0}), content(0, 1));
+  for (const bool chip : {false, true}) {
+    flashFrame({0x06});
+    flashFrame(chip ? Bytes{0xC7} : Bytes{0xD8, 0x01, 0x23, 0x45});
+    finish();
+    EXPECT_EQ(chip ? "11111" : "01100", erased());
+  }
 }
 
 TEST_F(FlashTest, Otp_HoldsTheBoardNameAndItsBitsOnlyClear) {
@@ -205,15 +177,6 @@ TEST_F(FlashTest, WithoutPowerOrFlash_TheLineIdles) {
     powerUp();
     EXPECT_EQ((Bytes{0xEF, 0x40, 0x18}), flashFrame({0x9F}, 3));
   }
-}
-
-TEST_F(FlashTest, PowerCycle_ForgetsTheLatchAndKeepsTheContent) {
-  program(0x02, 0, {0x12});
-  flashFrame({0x06});
-  QTXSim_Advance(1000);
-  QTXSim_PowerCycle(device);
-  EXPECT_EQ(0x00, status());
-  EXPECT_EQ((Bytes{0x12}), content(0, 1));
 }
 
 }  // namespace simtest

@@ -1,6 +1,3 @@
-#include <algorithm>
-#include <random>
-
 #include "bench.h"
 
 namespace simtest {
@@ -136,18 +133,6 @@ TEST_F(MpsseTest, IdleLevel_IsWhatNobodyDrives) {
   EXPECT_EQ((Bytes{0x1F, 0xF8, 0xFF}), exchange({0x22, 4, 0x2A, 4, 0x20, 0, 0, 0x87}, 3));
 }
 
-TEST_F(MpsseTest, BitModeReset_ForgetsWhatWaitsAndTheClock) {
-  QTXSim_DrivePin(device, 5, 1);
-  write({0x80, 0xFE, 0x1B, 0x89, 0x83, 0x87});
-  ASSERT_EQ(FT_OK, d2xx().SetBitMode(handle, 0, 0));
-  ASSERT_EQ(FT_OK, d2xx().SetBitMode(handle, 0, 2));
-  QTXSim_DrivePin(device, 5, -1);
-  EXPECT_EQ(0u, queued());
-  QTXSim_ClearRecord();
-  write({0x86, 0, 0});
-  EXPECT_STREQ("Clock 6000000\n", QTXSim_RecordText(QTXSIM_EVENT_CLOCK));
-}
-
 TEST_F(MpsseTest, BitModeReset_LeavesAHalfReceivedCommand) {
   write({0x11, 0xFF, 0xFF, 0x01});
   write({0x81, 0x87});
@@ -159,7 +144,9 @@ TEST_F(MpsseTest, BitModeReset_LeavesAHalfReceivedCommand) {
   write({0x81, 0x87});
   EXPECT_EQ(0u, queued()) << "a bridge in reset interprets nothing";
   ASSERT_EQ(FT_OK, d2xx().SetBitMode(handle, 0, 2));
-  EXPECT_EQ((Bytes{0xDB}), exchange({0x81, 0x87}, 1)) << "all pins float, power is off";
+  QTXSim_ClearRecord();
+  EXPECT_EQ((Bytes{0xDB}), exchange({0x81, 0x86, 0, 0, 0x87}, 1)) << "all pins float, power is off";
+  EXPECT_STREQ("Clock 6000000\n", QTXSim_RecordText(QTXSIM_EVENT_CLOCK)) << "the slow base is back";
 }
 
 // ---- Splitting -----------------------------------------------------------------------------------------------------
@@ -187,7 +174,7 @@ class MpsseSplit : public Bench {
     bool operator==(const Result &other) const { return answer == other.answer && wire == other.wire; }
   };
 
-  Result run(const Bytes &commands, const std::vector<size_t> &cuts, uint32_t kinds) {
+  Result run(const Bytes &commands, const std::vector<size_t> &cuts) {
     QTXSim_Reset();
     plugInAndPowerUp();
     QTXSim_ClearRecord();
@@ -199,76 +186,19 @@ class MpsseSplit : public Bench {
     write(Bytes(commands.begin() + from, commands.end()));
     uint32_t count = queued();
     for (uint32_t before = ~0u; count != before; count = queued()) before = count;
-    return {read(count), QTXSim_RecordText(kinds)};
+    return {read(count), QTXSim_RecordText(kWire)};
   }
 };
 
 TEST_F(MpsseSplit, AnyPosition_GivesTheSame) {
-  const Result whole = run(kEverything, {}, kWire);
+  const Result whole = run(kEverything, {});
   ASSERT_EQ(kEverythingAnswers, whole.answer.size());
+  std::vector<size_t> cuts;
   for (size_t cut = 1; cut < kEverything.size(); ++cut) {
-    EXPECT_EQ(whole, run(kEverything, {cut}, kWire)) << "cut at " << cut;
+    EXPECT_EQ(whole, run(kEverything, {cut})) << "cut at " << cut;
+    cuts.push_back(cut);
   }
-}
-
-TEST_F(MpsseSplit, EveryByteOnItsOwn_GivesTheSame) {
-  std::vector<size_t> cuts(kEverything.size() - 1);
-  std::generate(cuts.begin(), cuts.end(), [n = size_t{0}]() mutable { return ++n; });
-  EXPECT_EQ(run(kEverything, {}, kWire), run(kEverything, cuts, kWire));
-}
-
-// Random bytes are mostly valid commands with random arguments; lengths are kept short and waits end.
-class CommandStream {
- public:
-  explicit CommandStream(unsigned seed) : random_(seed) {}
-
-  Bytes make(size_t commands) {
-    bytes_.clear();
-    while (commands-- > 0) append();
-    bytes_.push_back(0x87);
-    return bytes_;
-  }
-
- private:
-  uint8_t byte() { return static_cast<uint8_t>(random_()); }
-  uint8_t below(uint8_t n) { return static_cast<uint8_t>(random_() % n); }
-
-  void append() {
-    const uint8_t opcode = byte();
-    if (opcode == 0x88 || opcode == 0x89 || (opcode >= 0x94 && opcode <= 0x9D)) return;
-    bytes_.push_back(opcode);
-    if (opcode >= 0x10 && opcode < 0x40) return appendShift(opcode);
-    const bool three = opcode == 0x80 || opcode == 0x82 || opcode == 0x86;
-    if (opcode == 0x8E || three) bytes_.push_back(byte());
-    if (three) bytes_.push_back(opcode == 0x86 ? 0 : byte());
-    if (opcode == 0x8F) bytes_.insert(bytes_.end(), {byte(), 0});
-  }
-
-  void appendShift(uint8_t opcode) {
-    const bool writes = (opcode & 0x10) != 0;
-    const uint8_t last = (opcode & 0x02) != 0 ? below(8) : below(40);
-    bytes_.push_back(last);
-    if ((opcode & 0x02) == 0) bytes_.push_back(0);
-    const int data = !writes ? 0 : (opcode & 0x02) != 0 ? 1 : last + 1;
-    for (int i = 0; i < data; ++i) bytes_.push_back(byte());
-  }
-
-  std::mt19937 random_;
-  Bytes bytes_;
-};
-
-TEST_F(MpsseSplit, RandomStreamsCutAnywhere_GiveTheSame) {
-  constexpr uint32_t kinds = QTXSIM_EVENT_PIN | QTXSIM_EVENT_CLOCK | QTXSIM_EVENT_ODD;
-  for (unsigned seed = 1; seed <= 60; ++seed) {
-    const Bytes commands = CommandStream(seed).make(120);
-    const Result whole = run(commands, {}, kinds);
-    ASSERT_GT(whole.answer.size(), 100u);
-    std::mt19937 random(seed);
-    std::vector<size_t> cuts(12);
-    std::generate(cuts.begin(), cuts.end(), [&] { return random() % commands.size(); });
-    std::sort(cuts.begin(), cuts.end());
-    EXPECT_EQ(whole, run(commands, cuts, kinds)) << "seed " << seed;
-  }
+  EXPECT_EQ(whole, run(kEverything, cuts)) << "every byte on its own";
 }
 
 }  // namespace simtest

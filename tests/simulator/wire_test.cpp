@@ -1,6 +1,5 @@
 #include <algorithm>
 #include <chrono>
-#include <numeric>
 
 #include "bench.h"
 #include "transcript.h"
@@ -10,12 +9,6 @@ namespace simtest {
 namespace {
 
 constexpr uint64_t kTransfer = 125'000, kMillisecond = 1'000'000;
-
-Bytes sequence(size_t count, uint8_t first) {
-  Bytes bytes(count);
-  std::iota(bytes.begin(), bytes.end(), first);
-  return bytes;
-}
 
 }  // namespace
 
@@ -50,48 +43,46 @@ class WireTest : public Bench {
 
 // ---- Time and transfers --------------------------------------------------------------------------------------------
 
-TEST_F(WireTest, ShortExchange_CostsOneTransferEachWay) {
-  EXPECT_EQ(2u, exchange({0x81, 0x83, 0x87}, 2).size());
-  const QTXSim_Statistics spent = statistics();
-  EXPECT_EQ(1u, spent.out_transfers);
-  EXPECT_EQ(1u, spent.in_transfers);
-  EXPECT_EQ(3u, spent.bytes_out);
-  EXPECT_EQ(2u, spent.bytes_in);
-  EXPECT_EQ(2 * kTransfer, spent.nanoseconds);
-}
+struct Exchange {
+  const char *name;
+  uint32_t transferSize;
+  Bytes commands;
+  size_t answer;
+  uint64_t out, in;       // transfers
+  double clocked, spent;  // ns
+};
 
-TEST_F(WireTest, OneKibibyte_CostsItsClock) {
-  const Bytes content = fillFlash(1024);
-  EXPECT_EQ(content, exchange(readCommand(1024), 1024));
-  const QTXSim_Statistics spent = statistics();
-  EXPECT_EQ(1u, spent.in_transfers);
-  EXPECT_NEAR(1029 * 8 * 1000 / 30, static_cast<double>(spent.spi_nanoseconds), 10);
-  EXPECT_EQ(2 * kTransfer + spent.spi_nanoseconds, spent.nanoseconds);
-}
-
-TEST_F(WireTest, LongAnswer_DrainsIntoTheHostWithoutARead) {
+TEST_F(WireTest, Exchanges_CostTransfersAndClock) {
   const Bytes content = fillFlash(65536);
-  write(readCommand(65536));
-  uint32_t count = queued();
-  for (int polls = 0; count < 65536 && polls < 10; ++polls) count = queued();
-  EXPECT_EQ(65536u, count);
-  EXPECT_EQ(1u, statistics().out_transfers);
-  EXPECT_EQ(2u, statistics().in_transfers);
-  EXPECT_EQ(content, read(65536));
-  EXPECT_NEAR(17.73e6, static_cast<double>(statistics().nanoseconds), 0.02e6);
-}
-
-TEST_F(WireTest, SmallInTransfers_TakeMoreOfThem) {
-  ASSERT_EQ(FT_OK, d2xx().SetUSBParameters(handle, 4096, 4096));
-  fillFlash(65536);
-  EXPECT_EQ(65536u, exchange(readCommand(65536), 65536).size());
-  EXPECT_EQ(17u, statistics().in_transfers);
-}
-
-TEST_F(WireTest, OutTransfers_AreCutAtTheirSize) {
-  ASSERT_EQ(FT_OK, d2xx().SetUSBParameters(handle, 4096, 4096));
-  write(Bytes(4097, 0x85));
-  EXPECT_EQ(2u, statistics().out_transfers);
+  const double kibibyte = 1029 * 8 * 1000 / 30.0, both = 2 * kTransfer;
+  Bytes unhurried = readCommand(510);
+  unhurried.pop_back();
+  for (const Exchange &row : {
+           Exchange{"short", 65536, {0x81, 0x83, 0x87}, 2, 1, 1, 0, both},
+           Exchange{"1 KiB", 65536, readCommand(1024), 1024, 1, 1, kibibyte, both + kibibyte},
+           Exchange{"64 KiB", 65536, readCommand(65536), 65536, 1, 2, 17.478e6, 17.73e6},
+           Exchange{"small transfers", 4096, readCommand(65536), 65536, 1, 17, 17.478e6, 17.73e6},
+           Exchange{"cut on the way out", 4096, Bytes(4097, 0x85), 0, 2, 0, 0, both},
+           Exchange{"full packets end nothing, the latency timer does", 4096, unhurried, 510, 1, 1, 0.1373e6, 2.3873e6},
+           Exchange{
+               "slow answer: one by one", 4096, {0x8B, 0x86, 0xFF, 0xFF, 0x20, 3, 0, 0x87}, 4, 1, 4, 349.5e6, 350e6},
+       }) {
+    SCOPED_TRACE(row.name);
+    ASSERT_EQ(FT_OK, d2xx().SetUSBParameters(handle, row.transferSize, row.transferSize));
+    QTXSim_ResetStatistics();
+    const Bytes answer = exchange(row.commands, row.answer);
+    ASSERT_EQ(row.answer, answer.size());
+    if (row.answer > 500) {
+      EXPECT_EQ(Bytes(content.begin(), content.begin() + row.answer), answer);
+    }
+    const QTXSim_Statistics cost = statistics();
+    EXPECT_EQ(row.out, cost.out_transfers);
+    EXPECT_EQ(row.in, cost.in_transfers);
+    EXPECT_EQ(row.commands.size(), cost.bytes_out);
+    EXPECT_EQ(row.answer, cost.bytes_in);
+    EXPECT_NEAR(row.clocked, static_cast<double>(cost.spi_nanoseconds), 10 + row.clocked / 500);
+    EXPECT_NEAR(row.spent, static_cast<double>(cost.nanoseconds), 10 + row.spent / 500);
+  }
 }
 
 TEST_F(WireTest, Clock_FollowsDivisorAndBase) {
@@ -107,17 +98,11 @@ TEST_F(WireTest, Clock_FollowsDivisorAndBase) {
   EXPECT_EQ(560'000u, spent({0x86, 6, 0}));
   EXPECT_EQ(2'800'000u, spent({0x8B}));
   EXPECT_EQ(4'200'000u, spent({0x8C}));
-}
-
-TEST_F(WireTest, Clock_LosesNoFractionsOfNanoseconds) {
+  write({0x8D, 0x8A, 0x86, 0, 0});
+  QTXSim_ResetStatistics();
   for (int i = 0; i < 3; ++i) write({0x8E, 0});
   QTXSim_Advance(1000);
-  EXPECT_EQ(100u, statistics().spi_nanoseconds);
-}
-
-TEST_F(WireTest, SlowAnswer_LeavesByteByByteWithTheLatencyTimer) {
-  EXPECT_EQ(4u, exchange({0x8B, 0x86, 0xFF, 0xFF, 0x20, 3, 0, 0x87}, 4).size());
-  EXPECT_EQ(4u, statistics().in_transfers);
+  EXPECT_EQ(100u, statistics().spi_nanoseconds) << "fractions of nanoseconds are lost";
 }
 
 TEST_F(WireTest, AnswerWithoutSendImmediate_WaitsForTheLatencyTimer) {
@@ -129,18 +114,7 @@ TEST_F(WireTest, AnswerWithoutSendImmediate_WaitsForTheLatencyTimer) {
   }
 }
 
-TEST_F(WireTest, FullPackets_LeaveAtOnceButEndNoTransfer) {
-  fillFlash(510);
-  Bytes commands = readCommand(510);
-  commands.pop_back();
-  EXPECT_EQ(510u, exchange(commands, 510).size());
-  EXPECT_GT(statistics().nanoseconds, 2 * kMillisecond) << "only the latency timer ends the transfer";
-  QTXSim_ResetStatistics();
-  EXPECT_EQ(510u, exchange(readCommand(510), 510).size());
-  EXPECT_LT(statistics().nanoseconds, kMillisecond);
-}
-
-TEST_F(WireTest, HostTime_CountsOnlyWhenAsked) {
+TEST_F(WireTest, Time_IsTheHostsOnlyWhenAsked) {
   const auto passed = [&] {
     queued();
     const uint64_t before = QTXSim_Nanoseconds();
@@ -154,34 +128,23 @@ TEST_F(WireTest, HostTime_CountsOnlyWhenAsked) {
   ASSERT_EQ(0, QTXSim_SetTime(QTXSIM_TIME_HOST));
   EXPECT_GE(passed(), 3 * kMillisecond);
   EXPECT_EQ(-1, QTXSim_SetTime(3));
-}
-
-TEST_F(WireTest, RealTime_MakesCallsLast) {
   ASSERT_EQ(0, QTXSim_SetTime(QTXSIM_TIME_REAL));
   ASSERT_EQ(FT_OK, d2xx().SetLatencyTimer(handle, 20));
   pulsekit::test::slept();
   EXPECT_EQ(1u, exchange({0x81}, 1).size());
-  EXPECT_GE(pulsekit::test::slept(), 19u);
+  EXPECT_GE(pulsekit::test::slept(), 19u) << "in real time, calls last";
 }
 
 // ---- Reading, writing, FIFOs ---------------------------------------------------------------------------------------
 
-TEST_F(WireTest, Read_GivesWhatCameWhenTheTimeOutIsOver) {
-  write({0x81, 0x87});
-  EXPECT_EQ(1u, read(10).size());
-  EXPECT_NEAR(5000.0, static_cast<double>(statistics().nanoseconds) / kMillisecond, 1);
-  EXPECT_EQ(0u, read(1).size());
-}
-
-TEST_F(WireTest, Read_DoesNotWaitForMoreThanItNeeds) {
+TEST_F(WireTest, Read_WaitsForWhatItWantsOrItsTimeOut) {
   EXPECT_EQ((Bytes{0xFA}), exchange({0x81, 0x83, 0x87}, 1));
   EXPECT_EQ(1u, queued());
   EXPECT_LT(statistics().nanoseconds, kMillisecond);
-}
-
-TEST_F(WireTest, ReadWithoutTimeOut_DoesNotHangOnNothing) {
+  EXPECT_EQ(1u, read(10).size());
+  EXPECT_NEAR(5000.0, static_cast<double>(statistics().nanoseconds) / kMillisecond, 1);
   ASSERT_EQ(FT_OK, d2xx().SetTimeouts(handle, 0, 0));
-  EXPECT_EQ(0u, read(1).size());
+  EXPECT_EQ(0u, read(1).size()) << "does not hang without a time-out";
 }
 
 TEST_F(WireTest, HostThatReadsNothing_StallsTheBridgeUntilItDoes) {
@@ -220,23 +183,14 @@ TEST_F(WireTest, StuckBridge_TakesAsMuchAsItsFifoHolds) {
   }
 }
 
-TEST_F(WireTest, ResetDevice_EmptiesTheChipNotTheHost) {
+TEST_F(WireTest, OldAnswers_AreLostByResetAndByNewParametersNotByClosing) {
   ASSERT_EQ(FT_OK, d2xx().SetLatencyTimer(handle, 255));
   write({0x81, 0x87, 0x83});
   ASSERT_EQ(FT_OK, d2xx().ResetDevice(handle));
-  EXPECT_EQ(1u, queued());
-  EXPECT_EQ(1u, queued());
-}
-
-TEST_F(WireTest, SetUsbParameters_LosesWhatTheDriverHolds) {
-  write({0x81, 0x87});
+  EXPECT_EQ(1u, queued()) << "the host keeps what it has, the chip nothing";
   EXPECT_EQ(1u, queued());
   ASSERT_EQ(FT_OK, d2xx().SetUSBParameters(handle, 4096, 4096));
   EXPECT_EQ(0u, queued());
-}
-
-TEST_F(WireTest, StaleAnswer_AwaitsTheNextOneWhoOpens) {
-  ASSERT_EQ(FT_OK, d2xx().SetLatencyTimer(handle, 255));
   write({0x81});
   ASSERT_EQ(FT_OK, d2xx().Close(handle));
   ASSERT_EQ(FT_OK, d2xx().OpenEx("FT0001AB", FT_OPEN_BY_SERIAL_NUMBER, &handle));
@@ -245,91 +199,44 @@ TEST_F(WireTest, StaleAnswer_AwaitsTheNextOneWhoOpens) {
 
 // ---- Faults --------------------------------------------------------------------------------------------------------
 
-TEST_F(WireTest, ScheduledCalls_FailAndDoNothing) {
+TEST_F(WireTest, Faults_HitTheirCallOrAnswerOnly) {
+  const uint8_t command[] = {0x81, 0x83, 0x87};
+  uint32_t written = 0, count = 0;
   ASSERT_EQ(0, QTXSim_FailCall("Write", 2, 2, FT_INSUFFICIENT_RESOURCES));
-  const uint8_t command[] = {0x81, 0x87};
   std::vector<FT_STATUS> statuses;
-  uint32_t written = 0;
-  for (int i = 0; i < 4; ++i) statuses.push_back(d2xx().Write(handle, command, 2, &written));
+  for (int i = 0; i < 4; ++i) statuses.push_back(d2xx().Write(handle, command, 3, &written));
   EXPECT_EQ((std::vector<FT_STATUS>{0, 5, 5, 0}), statuses);
-  EXPECT_EQ(2u, read(2).size());
+  EXPECT_EQ(4u, read(4).size());
   EXPECT_EQ(0u, queued());
   ASSERT_EQ(0, QTXSim_FailCall("GetQueueStatus", 1, 1, FT_IO_ERROR));
   QTXSim_ClearFaults();
-  EXPECT_EQ(0u, queued());
-}
-
-TEST_F(WireTest, UnplugAtACall_HitsThatCall) {
-  ASSERT_EQ(0, QTXSim_UnplugAtCall(device, 2));
-  write({0x81, 0x87});
-  uint32_t count = 0;
-  EXPECT_EQ(FT_IO_ERROR, d2xx().GetQueueStatus(handle, &count));
-  EXPECT_EQ(0, QTXSim_PinLevel(device, 5)) << "the board lost its power";
-  EXPECT_EQ(FT_OK, d2xx().Close(handle));
-}
-
-TEST_F(WireTest, ShortWrites) {
   for (uint32_t accepted : {0u, 1u, 9u}) {
     ASSERT_EQ(0, QTXSim_ShortWrite(device, 1, accepted));
-    const uint8_t commands[] = {0x81, 0x83, 0x87};
-    uint32_t written = 99;
-    ASSERT_EQ(FT_OK, d2xx().Write(handle, commands, 3, &written));
+    ASSERT_EQ(FT_OK, d2xx().Write(handle, command, 3, &written));
     EXPECT_EQ(std::min(accepted, 3u), written);
     EXPECT_EQ(std::min(accepted, 2u), read(queued()).size());
   }
-}
-
-TEST_F(WireTest, LostAndCorruptedAnswers) {
-  fillFlash(600);
-  const Bytes whole = exchange(readCommand(600), 600);
+  Bytes whole = fillFlash(600), expected = whole;
   ASSERT_EQ(0, QTXSim_LoseAnswer(device, 10, 3));
-  Bytes expected = whole;
   expected.erase(expected.begin() + 10, expected.begin() + 13);
   EXPECT_EQ(expected, exchange(readCommand(600), 597));
-  EXPECT_EQ(0u, queued());
   ASSERT_EQ(0, QTXSim_CorruptAnswer(device, 599, 0x81));
   expected = whole;
   expected[599] ^= 0x81;
   EXPECT_EQ(expected, exchange(readCommand(600), 600));
   EXPECT_EQ(whole, exchange(readCommand(600), 600));
-}
-
-TEST_F(WireTest, InsertedBytes_ComeFirstInTheQueue) {
-  const Bytes extra = sequence(3, 0x10);
-  ASSERT_EQ(0, QTXSim_InsertAnswer(device, extra.data(), 3));
-  EXPECT_EQ((Bytes{0x10, 0x11, 0x12, 0xFA}), exchange({0x81, 0x87}, 4));
-  ASSERT_EQ(FT_OK, d2xx().Close(handle));
-  ASSERT_EQ(0, QTXSim_InsertAnswer(device, extra.data(), 3));
-  ASSERT_EQ(FT_OK, d2xx().OpenEx("FT0001AB", FT_OPEN_BY_SERIAL_NUMBER, &handle));
-  EXPECT_EQ(3u, queued());
+  const uint8_t extra[] = {0x10, 0x11};
+  ASSERT_EQ(0, QTXSim_InsertAnswer(device, extra, 2));
+  EXPECT_EQ((Bytes{0x10, 0x11, 0xFA}), exchange({0x81, 0x87}, 3));
+  ASSERT_EQ(0, QTXSim_UnplugAtCall(device, 2));
+  write({0x81, 0x87});
+  EXPECT_EQ(FT_IO_ERROR, d2xx().GetQueueStatus(handle, &count));
+  EXPECT_EQ(0, QTXSim_PinLevel(device, 5)) << "the board lost its power";
 }
 
 // ---- Record --------------------------------------------------------------------------------------------------------
 
-TEST_F(WireTest, Record_TellsTheCallsInOrder) {
-  QTXSim_Reset();
-  plugIn();
-  EXPECT_EQ(FT_DEVICE_NOT_FOUND, d2xx().OpenEx("X", FT_OPEN_BY_SERIAL_NUMBER, &handle));
-  open();
-  ASSERT_EQ(0, QTXSim_ShortWrite(device, 1, 1));
-  const uint8_t bytes[] = {0x80, 0xFE, 0x0B};
-  uint32_t written = 0;
-  d2xx().Write(handle, bytes, 3, &written);
-  queued();
-  uint32_t count = 0;
-  d2xx().ListDevices(&count, nullptr, FT_LIST_NUMBER_ONLY);
-  d2xx().ListDevices(nullptr, nullptr, FT_LIST_BY_INDEX | FT_OPEN_BY_SERIAL_NUMBER);
-  d2xx().Close(handle);
-  EXPECT_STREQ(
-      "OpenEx X 1 = 2\nOpenEx FT0001AB 1\nSetUSBParameters 65536 65536\nSetTimeouts 5000 1000\nSetLatencyTimer 2\n"
-      "SetBitMode 0 0\nSetBitMode 0 2\nWrite 80 FE 0B took 1\nListDevices 0x80000000\n"
-      "ListDevices 0 0x40000001 = 6\nClose\n",
-      QTXSim_RecordText(QTXSIM_EVENT_CALL));
-  EXPECT_EQ(1u, QTXSim_Calls("GetQueueStatus"));
-  EXPECT_EQ(2u, QTXSim_Calls("OpenEx"));
-}
-
-TEST_F(WireTest, Record_GivesFramesToPrograms) {
+TEST_F(WireTest, Record_GivesFramesToProgramsAndOnlyWhatIsWanted) {
   flashFrame({0x9F}, 3);
   QTXSim_Event call{}, frame{};
   ASSERT_EQ(0, QTXSim_RecordEvent(0, &call));
@@ -343,17 +250,16 @@ TEST_F(WireTest, Record_GivesFramesToPrograms) {
   EXPECT_EQ((Bytes{0x9F}), Bytes(frame.out, frame.out + frame.out_bits / 8));
   EXPECT_EQ((Bytes{0xEF, 0x40, 0x18}), Bytes(frame.in, frame.in + frame.in_bits / 8));
   EXPECT_EQ(-1, QTXSim_RecordEvent(QTXSim_RecordCount(), &frame));
-}
-
-TEST_F(WireTest, Record_KeepsOnlyWhatIsWanted) {
-  QTXSim_SetRecording(QTXSIM_EVENT_POLL);
-  flashFrame({0x9F}, 3);
-  queued();
-  EXPECT_STREQ("GetQueueStatus\n", QTXSim_RecordText(QTXSIM_EVENT_ALL));
-  QTXSim_SetRecording(0);
+  QTXSim_SetRecording(QTXSIM_EVENT_CALL);
   QTXSim_ClearRecord();
+  ASSERT_EQ(0, QTXSim_ShortWrite(device, 1, 1));
+  const uint8_t bytes[] = {0x80, 0xFE, 0x0B};
+  uint32_t written = 0;
+  d2xx().Write(handle, bytes, 3, &written);
   queued();
-  EXPECT_EQ(0u, QTXSim_RecordCount());
+  d2xx().ListDevices(nullptr, nullptr, FT_LIST_BY_INDEX | FT_OPEN_BY_SERIAL_NUMBER);
+  EXPECT_STREQ("Write 80 FE 0B took 1\nListDevices 0 0x40000001 = 6\n", QTXSim_RecordText(QTXSIM_EVENT_ALL));
+  EXPECT_LE(1u, QTXSim_Calls("GetQueueStatus"));
 }
 
 TEST_F(WireTest, Record_ForgetsTheOldestWhenItGrowsTooLarge) {
