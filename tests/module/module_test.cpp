@@ -218,10 +218,10 @@ TEST_F(Module, PollsEndWhereTheyShould) {
     in[0] = busy_polls > 0 ? (--busy_polls, uint8_t{1}) : uint8_t{0};
     return 0;
   };
-  for (const auto &[polls, erase] :
-       {std::pair{0u, true}, {2u, true}, {198u, true}, {199u, true}, {498u, false}, {499u, false}}) {
-    busy_polls = polls;
-    DO_FOR(polls, erase ? sflashEraseChip(bridge, 1) : sflashWritePage(bridge, 1, 0, data.data(), 16), busy_polls);
+  for (const auto &row : {std::pair{0u, true}, {2u, true}, {198u, true}, {199u, true}, {498u, false}, {499u, false}}) {
+    busy_polls = row.first;
+    DO_FOR(row.first, row.second ? sflashEraseChip(bridge, 1) : sflashWritePage(bridge, 1, 0, data.data(), 16),
+           busy_polls);
   }
   DO((busy_polls = 1000, sflashProgramOtpRegister(bridge, 1, 0, data.data(), 4)), busy_polls);
 }

@@ -240,8 +240,8 @@ TEST_F(Variables, Setting) {
       {"Root", " 6 apples"}, {"Root", "auto"}, {"Root", "Auto"}, {"Root", "8"},    {"Root", "-1"},
       {"Mode", "Fast"},      {"Mode", "fast"}, {"Mode", "1"},    {"Mode", "Root"}, {"Ratio", "1.25e0x"},
       {"Ratio", "nan"},      {"Bare", "1"},    {"None", "1"}};
-  for (const auto &[name, text] : texts) {
-    DO_FOR(name + std::string("=") + text, varSetValue_ByString(&set, name, text));
+  for (const auto &text : texts) {
+    DO_FOR(text.first + std::string("=") + text.second, varSetValue_ByString(&set, text.first, text.second));
   }
 }
 
