@@ -21,9 +21,10 @@ void BusProgram::clear() {
 
 void BusProgram::transfer(uint32_t channel, const uint8_t *out, size_t out_count, uint32_t in_count,
                           uint8_t busy_bits) {
-  steps_.push_back({Step::kTransfer, busy_bits, channel, 0, static_cast<uint32_t>(out_.size()),
-                    static_cast<uint32_t>(out_count), in_count, 0});
+  // The bytes first: a step whose bytes found no memory would send others.
+  const auto out_at = static_cast<uint32_t>(out_.size());
   out_.insert(out_.end(), out, out + out_count);
+  steps_.push_back({Step::kTransfer, busy_bits, channel, 0, out_at, static_cast<uint32_t>(out_count), in_count, 0});
   answer_length_ += in_count;
   clocks_ += (uint64_t{out_count} + in_count) * 8;
   compiled.valid = false;

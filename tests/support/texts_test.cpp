@@ -123,6 +123,7 @@ TEST_F(Texts, SmallHelpers) {
   const auto split = [](const char *of, int32_t most, int32_t length) {
     char buffers[3][9];
     std::memset(buffers, '~', sizeof buffers);
+    for (char *buffer : buffers) buffer[8] = '\0';
     char *fields[] = {buffers[0], buffers[1], buffers[2]};
     std::string result = std::to_string(QTX_strsplit(of, fields, most, length, ','));
     for (char *field : fields) result += " " + std::string(field, 8).substr(0, std::strlen(field));

@@ -96,8 +96,10 @@ int32_t prepareOnce(VariableSet *set, const TimingRecord *record) {
   return record->prepared == 0 || chipOf(set)->prepared_elsewhere ? CHIP(TMeasPrepare)(set) : int32_t{kSuccess};
 }
 
+// A handle without a record is a host's own, which ends before the private fields.
 void notePreparation(ChipHandle *chip, int32_t prepared) {
-  if (chip->timing_record) static_cast<TimingRecord *>(chip->timing_record)->prepared = prepared;
+  if (!chip->timing_record) return;
+  static_cast<TimingRecord *>(chip->timing_record)->prepared = prepared;
   chip->prepared_elsewhere = 0;
 }
 

@@ -108,7 +108,9 @@ void load(Search &search, const char *file_name, bool named) {
   report("loaded", "");
   search.table = table;
   // Once loaded, the library stays: a host may close devices while the process ends.
-  static_cast<void>(library.release());
+  static const SharedLibrary *kept = nullptr;
+  kept = library.release();
+  static_cast<void>(kept);
 }
 
 // A library that the user names is the one to use or none: no radar on the desk answers for a simulated one.
