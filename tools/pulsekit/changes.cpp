@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <bit>
 
+#include "Pulsekit3_settings.h"
+#include "session.h"
+
 namespace tool {
 
 Json valueJson(const Variable &variable, uint64_t word) {
@@ -59,6 +62,21 @@ void reportChanges(const Options &options, const Radar &radar, const std::vector
   if (options.json) return printJson(json);
   if (table.empty()) return note("Nothing has changed.");
   table.print();
+}
+
+void change(const Options &options, const Radar &radar, const std::vector<Asked> &asked) {
+  const std::vector<Variable> before = snapshot(radar);
+  std::vector<const char *> names, values;
+  for (const Asked &one : asked) {
+    names.push_back(one.name.c_str());
+    values.push_back(one.text.c_str());
+  }
+  std::vector<QTX_Change> changes(before.size());
+  auto moved = static_cast<uint32_t>(changes.size());
+  const auto count = static_cast<uint32_t>(asked.size());
+  radar.check(QTX_VarsSetMany(radar, names.data(), values.data(), count, changes.data(), &moved));
+  keepSession(radar);
+  reportChanges(options, radar, before, asked);
 }
 
 }  // namespace tool

@@ -22,4 +22,7 @@ struct Asked {
 void reportChanges(const Options &options, const Radar &radar, const std::vector<Variable> &before,
                    const std::vector<Asked> &asked);
 
+/// Sets them, keeps them for the commands that follow, and reports.
+void change(const Options &options, const Radar &radar, const std::vector<Asked> &asked);
+
 }  // namespace tool

@@ -15,6 +15,7 @@ void addHardwareCommands(CLI::App &program, const Options &options);
 void addDoctorCommand(CLI::App &program, const Options &options);
 void addProgramCommands(CLI::App &program, const Options &options);
 void addLogCommands(CLI::App &program, const Options &options);
+void addPurposeCommands(CLI::App &program, const Options &options);
 void addMeasuringCommands(CLI::App &program, const Options &options);
 
 /// Adds a command, its help and what it does.

@@ -1,7 +1,7 @@
 // doctor: what keeps radars from working, and what to do about it.
 #include <algorithm>
 
-#include "Pulsekit3_control.h"
+#include "Pulsekit3_settings.h"
 #include "commands.h"
 #include "number.h"
 #include "output.h"
@@ -123,6 +123,18 @@ void testFrame(const Radar &radar, Findings &findings) {
       "all samplers agree: check the settings below, and the clock (MClkEnable, ClockFrequency)");
 }
 
+// The library's lines: "<name>: <what is wrong>: <remedy>".
+void testSettings(const Radar &radar, Findings &findings) {
+  char text[8192] = "";
+  int32_t count = 0;
+  radar.check(QTX_CheckSettings(radar, text, sizeof text, &count));
+  for (const std::string &line : split(text, '\n')) {
+    const size_t last = line.rfind(": ");
+    if (last != std::string::npos) findings.bad("settings", line.substr(0, last), line.substr(last + 2));
+  }
+  if (count == 0) findings.good("settings", "can give a good frame");
+}
+
 void testRadar(const Options &options, const Attached &attached, Findings &findings) {
   const std::string name = cat("radar ", attached.serial);
   if (attached.held()) {
@@ -144,6 +156,7 @@ void testRadar(const Options &options, const Attached &attached, Findings &findi
     if (attached.chip == "Unknown") return;
     findings.attempt("chip", [&] { testRegisters(radar, findings); });
     findings.attempt("frame", [&] { testFrame(radar, findings); });
+    findings.attempt("settings", [&] { testSettings(radar, findings); });
   });
 }
 

@@ -50,6 +50,7 @@ void addCommands(CLI::App &program, const Options &options) {
   add("Settings", addSettingsCommands);
   add("Settings", addKeepingCommands);
   add("Measuring", addMeasuringCommands);
+  add("Measuring", addPurposeCommands);
   add("Measuring", addLogCommands);
   add("Hardware", addHardwareCommands);
   add("Program", addProgramCommands);

@@ -309,7 +309,7 @@ void addMeasuringCommands(CLI::App &program, const Options &options) {
       ->type_name("RATE");
   command->add_flag("--raw", request->raw, "Counters of the samplers instead of levels in percent");
   command
-      ->add_option("-o,--output", request->output,
+      ->add_option("-o,--output,FILE", request->output,
                    "FILE.csv with the range axis, FILE.npy, FILE.log (binary frame log), or -")
       ->type_name("FILE");
   addPlotOption(*command, &request->plots);
@@ -324,7 +324,7 @@ void addMeasuringCommands(CLI::App &program, const Options &options) {
   command = addCommand(program, "cdf", "Count each sampler's hits at each fixed threshold");
   const auto output = std::make_shared<std::string>();
   const auto plots = std::make_shared<Strings>();
-  command->add_option("-o,--output", *output, "FILE.csv, FILE.npy or -")->type_name("FILE");
+  command->add_option("-o,--output,FILE", *output, "FILE.csv, FILE.npy or -")->type_name("FILE");
   addPlotOption(*command, plots.get());
   command->callback([&options, output, plots] { cdf(options, *output, *plots); });
 }

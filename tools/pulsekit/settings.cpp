@@ -135,13 +135,6 @@ std::vector<Asked> parseAssignments(const Radar &radar, const Strings &assignmen
   return asked;
 }
 
-void change(const Options &options, const Radar &radar, const std::vector<Asked> &asked) {
-  const std::vector<Variable> before = snapshot(radar);
-  for (const Asked &one : asked) radar.check(QTX_VarSetValue_ByString(radar, one.name.c_str(), one.text.c_str()));
-  keepSession(radar);
-  reportChanges(options, radar, before, asked);
-}
-
 void set(const Options &options, const Strings &assignments) {
   const Radar radar(options, Need::Bridge);
   change(options, radar, parseAssignments(radar, assignments));
