@@ -5,8 +5,8 @@
 #include <numeric>
 #include <random>
 
-#include "Scene.h"
 #include "radar.h"
+#include "world/Scene.h"
 
 using namespace pulsekit::chip;
 

@@ -6,8 +6,8 @@
 #include <memory>
 #include <vector>
 
-#include "Clock.h"
-#include "RadarChip.h"
+#include "base/Clock.h"
+#include "chip/RadarChip.h"
 
 namespace pulsekit::simulator {
 

@@ -3,7 +3,7 @@
 
 #include <cmath>
 
-#include "ChipTruth.h"
+#include "chip/ChipTruth.h"
 #include "chip_bus.h"
 
 using namespace pulsekit::simulator;

@@ -5,9 +5,9 @@
 #include <numbers>
 #include <vector>
 
-#include "ChipTruth.h"
-#include "Scene.h"
+#include "chip/ChipTruth.h"
 #include "chip_bus.h"
+#include "world/Scene.h"
 
 using namespace pulsekit::simulator;
 

@@ -1,7 +1,7 @@
 // Scenes as text.
 #include <gtest/gtest.h>
 
-#include "Scene.h"
+#include "world/Scene.h"
 
 using namespace pulsekit::simulator;
 

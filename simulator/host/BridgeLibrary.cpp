@@ -1,0 +1,126 @@
+// The simulator as a bridge library: the D2XX functions under their own names, over a bench that the environment
+// describes.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "host/Bench.h"
+
+namespace {
+
+using pulsekit::simulator::bench;
+using pulsekit::simulator::lockBench;
+
+struct TimeName {
+  const char *name;
+  int32_t mode;
+};
+constexpr TimeName kTimes[] = {
+    {"real", QTXSIM_TIME_REAL}, {"host", QTXSIM_TIME_HOST}, {"deterministic", QTXSIM_TIME_DETERMINISTIC}};
+
+const char *environment(const char *name) {
+  const char *value = std::getenv(name);
+  return value && value[0] != '\0' ? value : nullptr;
+}
+
+bool hostHasBench() {
+  auto lock = lockBench();
+  return bench().device(0) != nullptr;
+}
+
+// What is wrong with the environment; empty when nothing is.
+struct Fault {
+  char text[512] = "";
+};
+
+bool setTime(const char *name) {
+  for (const TimeName &time : kTimes) {
+    if (std::strcmp(time.name, name) == 0) return QTXSim_SetTime(time.mode) == 0;
+  }
+  return false;
+}
+
+Fault arrange() {
+  Fault fault;
+  if (hostHasBench()) return fault;
+  const int32_t radar = QTXSim_AddRadar("SIM00001", "Simulated radar", QTXSIM_FT232H, "QTX-K245", "QTX3701");
+  // Nobody asks for the record; a long run would only fill memory with it.
+  QTXSim_SetRecording(0);
+  const char *time = environment("PULSEKIT3_SIMULATED_TIME");
+  if (!setTime(time ? time : "real")) {
+    std::snprintf(fault.text, sizeof fault.text, "PULSEKIT3_SIMULATED_TIME: %s is none of real, host, deterministic",
+                  time);
+    return fault;
+  }
+  const char *scene = environment("PULSEKIT3_SCENE");
+  char error[256] = "";
+  if (scene && QTXSim_LoadScene(radar, scene, error, sizeof error) != 0) {
+    std::snprintf(fault.text, sizeof fault.text, "PULSEKIT3_SCENE: %s", error);
+  }
+  return fault;
+}
+
+const Fault &arrangement() {
+  static const Fault fault = arrange();
+  return fault;
+}
+
+const FTx232H_D2XX &table() {
+  arrangement();
+  return *QTXSim_D2XX();
+}
+
+}  // namespace
+
+extern "C" {
+
+QTXSIM_API const char *FTx232H_LibraryFault(void) {
+  const Fault &fault = arrangement();
+  return fault.text[0] != '\0' ? fault.text : nullptr;
+}
+
+QTXSIM_API FT_STATUS FT_Close(FT_HANDLE handle) { return table().Close(handle); }
+
+QTXSIM_API FT_STATUS FT_Read(FT_HANDLE handle, void *buffer, uint32_t count, uint32_t *got) {
+  return table().Read(handle, buffer, count, got);
+}
+
+QTXSIM_API FT_STATUS FT_Write(FT_HANDLE handle, const void *buffer, uint32_t count, uint32_t *written) {
+  return table().Write(handle, buffer, count, written);
+}
+
+QTXSIM_API FT_STATUS FT_ResetDevice(FT_HANDLE handle) { return table().ResetDevice(handle); }
+
+QTXSIM_API FT_STATUS FT_SetTimeouts(FT_HANDLE handle, uint32_t read_ms, uint32_t write_ms) {
+  return table().SetTimeouts(handle, read_ms, write_ms);
+}
+
+QTXSIM_API FT_STATUS FT_GetQueueStatus(FT_HANDLE handle, uint32_t *count) {
+  return table().GetQueueStatus(handle, count);
+}
+
+QTXSIM_API FT_STATUS FT_OpenEx(const void *arg, uint32_t flags, FT_HANDLE *out) {
+  return table().OpenEx(arg, flags, out);
+}
+
+QTXSIM_API FT_STATUS FT_ListDevices(void *arg1, void *arg2, uint32_t flags) {
+  return table().ListDevices(arg1, arg2, flags);
+}
+
+QTXSIM_API FT_STATUS FT_SetLatencyTimer(FT_HANDLE handle, uint8_t ms) { return table().SetLatencyTimer(handle, ms); }
+
+QTXSIM_API FT_STATUS FT_SetBitMode(FT_HANDLE handle, uint8_t mask, uint8_t mode) {
+  return table().SetBitMode(handle, mask, mode);
+}
+
+QTXSIM_API FT_STATUS FT_SetUSBParameters(FT_HANDLE handle, uint32_t in_size, uint32_t out_size) {
+  return table().SetUSBParameters(handle, in_size, out_size);
+}
+
+QTXSIM_API FT_STATUS FT_CreateDeviceInfoList(uint32_t *count) { return table().CreateDeviceInfoList(count); }
+
+QTXSIM_API FT_STATUS FT_GetDeviceInfoList(FT_Node *nodes, uint32_t *count) {
+  return table().GetDeviceInfoList(nodes, count);
+}
+
+}  // extern "C"
