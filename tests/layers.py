@@ -4,7 +4,7 @@ import re
 import sys
 
 LAYERS = {'src': ['platform', 'support', 'interface', 'module', 'chip', ''],
-          'simulator': ['', 'base', 'world', 'chip', 'board', 'bridge', 'host']}
+          'simulator': ['', 'base', 'world', 'chip', 'board', 'bridge', 'host', 'usb']}
 
 
 def place(path, root):

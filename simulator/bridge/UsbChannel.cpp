@@ -28,12 +28,14 @@ void UsbChannel::setMode(uint8_t mask, uint8_t mode) {
 }
 
 void UsbChannel::purgeFifos() {
-  toHost_.clear();
-  drop(waiting());
+  purgeToHost();
+  purgeFromHost();
 }
 
-void UsbChannel::runTo(uint64_t nanoseconds) {
-  if (work(nanoseconds, waiting(), false) == Progress::Blocked) clock_.reach(nanoseconds);
+bool UsbChannel::runTo(uint64_t nanoseconds) {
+  const bool blocked = work(nanoseconds, waiting(), false) == Progress::Blocked;
+  if (blocked) clock_.reach(nanoseconds);
+  return !blocked || nextPacket() != kNever;
 }
 
 void UsbChannel::runToAnswer(uint64_t limit) { work(limit, waiting(), true); }
@@ -81,7 +83,7 @@ void UsbChannel::drop(size_t used) {
 
 uint64_t UsbChannel::nextPacket() const {
   const bool something = host_ && host_->ready() && (!toHost_.empty() || host_->partlyFilled());
-  return something ? waitingSince_ + patience() : kNever;
+  return something ? waitingSince_ + (flushed_ ? 0 : patience()) : kNever;
 }
 
 size_t UsbChannel::space() { return fifoSize_ - toHost_.size(); }
@@ -119,19 +121,25 @@ void UsbChannel::sendFullPackets() {
     sent += kPacketData;
   }
   if (sent == 0) return;
+  flushed_ = flushed_ && sent < toHost_.size();
   toHost_.erase(toHost_.begin(), toHost_.begin() + static_cast<std::ptrdiff_t>(sent));
   waitingSince_ = clock_.nanoseconds();
 }
 
 void UsbChannel::sendShortPacket(uint64_t nanoseconds) {
   answered_ = true;
+  flushed_ = false;
   host_->packet(toHost_.data(), toHost_.size(), nanoseconds);
   toHost_.clear();
 }
 
 void UsbChannel::flush() {
-  if (!host_ || !host_->ready()) return;
-  if (!toHost_.empty() || host_->partlyFilled()) sendShortPacket(clock_.nanoseconds());
+  if (!host_) return;
+  if (!host_->ready()) {
+    flushed_ = !toHost_.empty();
+  } else if (!toHost_.empty() || host_->partlyFilled()) {
+    sendShortPacket(clock_.nanoseconds());
+  }
 }
 
 }  // namespace pulsekit::simulator

@@ -44,8 +44,8 @@ class UsbChannel : public AnswerSink {
   void setHost(PacketSink *host);
   void reset();  // as after plugging in
 
-  // Works up to a time; beyond it nothing has happened yet.
-  void runTo(uint64_t nanoseconds);
+  // Works up to a time; beyond it nothing has happened yet. Whether something goes on by itself after that.
+  bool runTo(uint64_t nanoseconds);
   // Works until a transfer to the host is under way, or there is nothing to do, or until a time.
   void runToAnswer(uint64_t limit);
   // Bytes that arrive from the host now. Lets the host's time pass until the FIFO has taken them, at most until
@@ -53,6 +53,11 @@ class UsbChannel : public AnswerSink {
   size_t write(const uint8_t *bytes, size_t count, Clock &host, uint64_t limit);
 
   void purgeFifos();
+  void purgeFromHost() { drop(waiting()); }
+  void purgeToHost() {
+    toHost_.clear();
+    flushed_ = false;
+  }
   void setLatency(uint8_t milliseconds) { latency_ = milliseconds; }
   void setMode(uint8_t mask, uint8_t mode);
 
@@ -93,6 +98,7 @@ class UsbChannel : public AnswerSink {
   std::vector<uint8_t> toHost_;
   uint64_t waitingSince_ = 0;  // oldest byte in toHost_, or the last packet of an unfinished transfer
   bool answered_ = false;      // something happened to toHost_
+  bool flushed_ = false;       // toHost_ shall leave as soon as the host takes it
 
   Countdown loss_, corruption_;
   uint8_t corruptionMask_ = 0;

@@ -58,6 +58,15 @@ uint64_t seedOf(std::string_view serial) {
   return hash;
 }
 
+std::function<void(Bench *)> &watcher() {
+  static std::function<void(Bench *)> function;
+  return function;
+}
+
+void tellWatcher(Bench *changed) {
+  if (watcher()) watcher()(changed);
+}
+
 }  // namespace
 
 std::unique_lock<std::mutex> lockBench() {
@@ -70,9 +79,12 @@ Bench &bench() { return *theBench(); }
 void resetBench() {
   // Handles are never given out twice, so that an old one stays invalid.
   const uintptr_t nextHandle = bench().nextHandle;
+  tellWatcher(nullptr);
   theBench() = std::make_unique<Bench>();
   bench().nextHandle = nextHandle;
 }
+
+void watchBench(std::function<void(Bench *)> function) { watcher() = std::move(function); }
 
 Bench::Bench() : lastReturn_(RealTime::now()) { recorder_.setKinds(QTXSIM_EVENT_ALL & ~QTXSIM_EVENT_POLL); }
 
@@ -112,6 +124,7 @@ int32_t Bench::addDevice(std::string_view serial, std::string_view description, 
     applyPollPause(*device);
   }
   devices_.push_back(std::move(device));
+  tellWatcher(this);
   return devices_.back()->number;
 }
 
@@ -124,6 +137,7 @@ void Bench::unplug(Device &device) {
     channel->reset();
   }
   if (device.board()) device.board()->setPlugged(false);
+  tellWatcher(this);
 }
 
 void Bench::replug(Device &device) {
@@ -131,6 +145,7 @@ void Bench::replug(Device &device) {
   device.plugged = true;
   ++device.pluggedTimes;
   if (device.board()) device.board()->setPlugged(true);
+  tellWatcher(this);
 }
 
 std::vector<PortName> Bench::ports() {
@@ -161,13 +176,21 @@ FT_HANDLE Bench::openPort(Device &device, size_t channel) {
 }
 
 void Bench::beginCall(Function function) {
+  follow();
   callStart_ = RealTime::now();
-  if (timeMode_ != QTXSIM_TIME_DETERMINISTIC) {
-    const auto passed = std::chrono::nanoseconds(callStart_ - lastReturn_).count();
-    clock_.advance(static_cast<uint64_t>(std::max<int64_t>(passed, 0)));
-  }
   callStartClock_ = clock_.nanoseconds();
   catchUp();
+  count(function);
+}
+
+void Bench::follow() {
+  const RealTime::time_point now = RealTime::now();
+  if (now <= lastReturn_) return;
+  if (!deterministic()) clock_.advance(static_cast<uint64_t>(std::chrono::nanoseconds(now - lastReturn_).count()));
+  lastReturn_ = now;
+}
+
+void Bench::count(Function function) {
   ++counts_.calls;
   ++callsOf_[static_cast<size_t>(function)];
   for (ScheduledUnplug &entry : unplugs_) {
@@ -233,7 +256,7 @@ void Bench::setTimeMode(int32_t mode) {
 
 void Bench::applyPollPause(Device &device) const {
   if (!device.board()) return;
-  device.board()->flash().setPollPause(timeMode_ == QTXSIM_TIME_DETERMINISTIC ? kPollPause : 0);
+  device.board()->flash().setPollPause(deterministic() ? kPollPause : 0);
 }
 
 void Bench::catchUp() {

@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -75,6 +76,11 @@ class Bench {
   std::vector<PortName> ports();
   FT_HANDLE openPort(Device &device, size_t channel);
 
+  // Counts the real time that has passed since the last look, where that counts.
+  void follow();
+  // Counts a call, or what does its work on the USB; its time has come for a scheduled unplugging.
+  void count(Function function);
+
   // What every D2XX call begins and ends with.
   void beginCall(Function function);
   // How long the call has to last yet, in real nanoseconds.
@@ -87,6 +93,7 @@ class Bench {
   void clearFaults();
 
   void setTimeMode(int32_t mode);
+  bool deterministic() const { return timeMode_ == QTXSIM_TIME_DETERMINISTIC; }
   // The host's.
   Clock &clock() { return clock_; }
   // Lets everything happen that is over by now.
@@ -137,5 +144,8 @@ class Bench {
 std::unique_lock<std::mutex> lockBench();
 Bench &bench();
 void resetBench();
+
+// Called, with the lock held, when a device was plugged in or out, and before the bench is emptied (with null).
+void watchBench(std::function<void(Bench *)> watcher);
 
 }  // namespace pulsekit::simulator
