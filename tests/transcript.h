@@ -94,7 +94,10 @@ class Told : public testing::Test {
 }  // namespace pulsekit::test
 
 // A line for each of the calls.
-#define DO(...) PULSEKIT_EACH(PULSEKIT_DO, __VA_ARGS__)
+#define DO(...)                             \
+  do {                                      \
+    PULSEKIT_EACH(PULSEKIT_DO, __VA_ARGS__) \
+  } while (0)
 // One line of a table: the title, then the results of the calls.
 #define DO_FOR(title, ...)                                    \
   do {                                                        \
