@@ -36,6 +36,16 @@ static int32_t list(void) { return QTX_ListRadarModules(radar, answer, kText); }
 static int32_t setInt(void) { return QTX_VarSetIntValue_ByName(radar, words[1], number(2)); }
 static int32_t setFloat(void) { return QTX_VarSetFloatValue_ByName(radar, words[1], strtod(words[2], NULL)); }
 static int32_t automatic(void) { return QTX_VarSetIntValue_ByName(radar, words[1], 0x7FFFFFFF); }
+static int32_t closeRadar(void) { return QTX_CloseRadar(radar); }
+static int32_t powerOff(void) { return QTX_PowerOffRadar(radar); }
+static int32_t powerOn(void) { return QTX_PowerOnRadar(radar); }
+static int32_t reset(void) { return QTX_VarsResetAllToDefault(radar); }
+static int32_t store(void) { return QTX_VarsSaveToFlash(radar); }
+static int32_t restore(void) { return QTX_VarsLoadFromFlash(radar); }
+static int32_t openRadar(void) { return QTX_OpenRadar(radar, words[1]); }
+static int32_t action(void) { return QTX_ExecuteAction_ByName(radar, words[1]); }
+static int32_t save(void) { return QTX_VarsSaveToFile(radar, words[1]); }
+static int32_t load(void) { return QTX_VarsLoadFromFile(radar, words[1]); }
 static int32_t calibrate(void) { return QTX_Calibrate(radar, (int32_t)number(1)); }
 
 static int32_t state(void) {
@@ -222,55 +232,18 @@ static int32_t spi(void) {
   return addBytes(QTX_SPI_SendReceive(radar, (uint32_t)number(1), bytes, out, bytes, in), in);
 }
 
-static const struct {
-  const char *name;
-  int32_t (*run)(void);
-  int32_t (*plain)(QTX_Handle *);
-  int32_t (*named)(QTX_Handle *, const char *);
-} calls[] = {
-    {"version", version, 0, 0},
-    {"list", list, 0, 0},
-    {"open", 0, 0, QTX_OpenRadar},
-    {"close", 0, QTX_CloseRadar, 0},
-    {"state", state, 0, 0},
-    {"power_off", 0, QTX_PowerOffRadar, 0},
-    {"power_on", 0, QTX_PowerOnRadar, 0},
-    {"error", error, 0, 0},
-    {"set_int", setInt, 0, 0},
-    {"set_float", setFloat, 0, 0},
-    {"automatic", automatic, 0, 0},
-    {"set", set, 0, 0},
-    {"get", get, 0, 0},
-    {"items", items, 0, 0},
-    {"range", range, 0, 0},
-    {"action", 0, 0, QTX_ExecuteAction_ByName},
-    {"reset", 0, QTX_VarsResetAllToDefault, 0},
-    {"save", 0, 0, QTX_VarsSaveToFile},
-    {"load", 0, 0, QTX_VarsLoadFromFile},
-    {"store", 0, QTX_VarsSaveToFlash, 0},
-    {"restore", 0, QTX_VarsLoadFromFlash, 0},
-    {"raw", raw, 0, 0},
-    {"frame", frame, 0, 0},
-    {"cdf", cdf, 0, 0},
-    {"geometry", geometry, 0, 0},
-    {"check", check, 0, 0},
-    {"calibrate", calibrate, 0, 0},
-    {"stream", stream, 0, 0},
-    {"flash_write", flashWrite, 0, 0},
-    {"flash_read", flashRead, 0, 0},
-    {"board", board, 0, 0},
-    {"register_write", registerWrite, 0, 0},
-    {"register_read", registerRead, 0, 0},
-    {"pin", pin, 0, 0},
-    {"spi", spi, 0, 0},
-};
-
+static const char *const names[] = {
+    "version",     "list",       "open",      "close",          "state",         "power_off", "power_on",
+    "error",       "set_int",    "set_float", "automatic",      "set",           "get",       "items",
+    "range",       "action",     "reset",     "save",           "load",          "store",     "restore",
+    "raw",         "frame",      "cdf",       "geometry",       "check",         "calibrate", "stream",
+    "flash_write", "flash_read", "board",     "register_write", "register_read", "pin",       "spi"};
+static int32_t (*const calls[])(void) = {
+    version,  list,       openRadar, closeRadar, state,         powerOff,     powerOn,  error, setInt,
+    setFloat, automatic,  set,       get,        items,         range,        action,   reset, save,
+    load,     store,      restore,   raw,        frame,         cdf,          geometry, check, calibrate,
+    stream,   flashWrite, flashRead, board,      registerWrite, registerRead, pin,      spi};
 enum { kCalls = sizeof calls / sizeof *calls };
-
-static int32_t run(size_t i) {
-  if (calls[i].plain) return calls[i].plain(radar);
-  return calls[i].named ? calls[i].named(radar, words[1]) : calls[i].run();
-}
 
 int main(void) {
   char line[kText];
@@ -281,9 +254,9 @@ int main(void) {
     for (char *word = strtok(line, "\t\r\n"); word && count < kWords; word = strtok(NULL, "\t\r\n"))
       words[count++] = word;
     if (count == 0) continue;
-    while (call < kCalls && strcmp(calls[call].name, words[0]) != 0) ++call;
+    while (call < kCalls && strcmp(names[call], words[0]) != 0) ++call;
     answer[0] = '\0';
-    const int32_t code = call < kCalls ? run(call) : -1;
+    const int32_t code = call < kCalls ? calls[call]() : -1;
     if (code) snprintf(answer, sizeof answer, "error %d", (int)code);
     puts(answer[0] ? answer : "ok");
   }
