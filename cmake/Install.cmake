@@ -34,16 +34,23 @@ if(TARGET pulsekit)
     DEPENDS pulsekit ${manual_maker}
     COMMENT "Writing the manual page"
     VERBATIM)
-  set(completion ${PROJECT_BINARY_DIR}/completion/pulsekit)
-  add_custom_command(
-    OUTPUT ${completion}
-    COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/completion
-    COMMAND pulsekit completion bash > ${completion}
-    DEPENDS pulsekit
-    COMMENT "Writing the shell completion"
-    VERBATIM)
-  add_custom_target(manual ALL DEPENDS ${manual} ${completion})
-  install(FILES ${completion} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions)
+  set(completions)
+  function(pulsekit_completion shell file folder)
+    set(output ${PROJECT_BINARY_DIR}/completion/${file})
+    add_custom_command(
+      OUTPUT ${output}
+      COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/completion
+      COMMAND pulsekit completion ${shell} > ${output}
+      DEPENDS pulsekit
+      COMMENT "Writing the completion for ${shell}"
+      VERBATIM)
+    install(FILES ${output} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/${folder})
+    set(completions ${completions} ${output} PARENT_SCOPE)
+  endfunction()
+  pulsekit_completion(bash pulsekit bash-completion/completions)
+  pulsekit_completion(zsh _pulsekit zsh/vendor-completions)
+  pulsekit_completion(fish pulsekit.fish fish/vendor_completions.d)
+  add_custom_target(manual ALL DEPENDS ${manual} ${completions})
   install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 
@@ -66,7 +73,8 @@ if(UNIX AND NOT APPLE)
 endif()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ ${PROJECT_BINARY_DIR}/docs/ DESTINATION ${documents}/docs
         FILES_MATCHING PATTERN *.md PATTERN *.svg)
-install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${documents})
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md ${PROJECT_SOURCE_DIR}/packaging/copyright
+        DESTINATION ${documents})
 install(FILES ${PROJECT_SOURCE_DIR}/examples/room.toml DESTINATION ${documents}/examples)
 
 set(CPACK_GENERATOR DEB)

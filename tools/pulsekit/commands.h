@@ -2,27 +2,19 @@
 // parsed.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
+#include "command_line.h"
 #include "radar.h"
 
 namespace tool {
 
-void addRadarCommands(CLI::App &program, const Options &options);
-void addSettingsCommands(CLI::App &program, const Options &options);
-void addKeepingCommands(CLI::App &program, const Options &options);
-void addHardwareCommands(CLI::App &program, const Options &options);
-void addDoctorCommand(CLI::App &program, const Options &options);
-void addProgramCommands(CLI::App &program, const Options &options);
-void addLogCommands(CLI::App &program, const Options &options);
-void addPurposeCommands(CLI::App &program, const Options &options);
-void addMeasuringCommands(CLI::App &program, const Options &options);
-
-/// Adds a command, its help and what it does.
-inline CLI::App *addCommand(CLI::App &program, const std::string &name, const std::string &help) {
-  CLI::App *command = program.add_subcommand(name, help);
-  command->fallthrough();
-  return command;
-}
+void addRadarCommands(const Command &program, const Options &options);
+void addSettingsCommands(const Command &program, const Options &options);
+void addKeepingCommands(const Command &program, const Options &options);
+void addHardwareCommands(const Command &program, const Options &options);
+void addDoctorCommand(const Command &program, const Options &options);
+void addProgramCommands(const Command &program, const Options &options);
+void addLogCommands(const Command &program, const Options &options);
+void addPurposeCommands(const Command &program, const Options &options);
+void addMeasuringCommands(const Command &program, const Options &options);
 
 }  // namespace tool

@@ -179,9 +179,10 @@ void doctor(const Options &options) {
 
 }  // namespace
 
-void addDoctorCommand(CLI::App &program, const Options &options) {
-  addCommand(program, "doctor", "Find out what keeps radars from working, and test those that do")
-      ->callback([&options] { doctor(options); });
+void addDoctorCommand(const Command &program, const Options &options) {
+  program.add("doctor", "Find out what keeps radars from working, and test those that do").runs([&options] {
+    doctor(options);
+  });
 }
 
 }  // namespace tool

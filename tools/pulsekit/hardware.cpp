@@ -255,75 +255,71 @@ void spi(const Options &options, const std::string &channel, const std::string &
   if (!answer.empty()) printLine(hexBytes(answer));
 }
 
-void addFlashCommands(CLI::App &program, const Options &options) {
-  CLI::App *flash = addCommand(program, "flash", "The board's flash memory");
-  flash->require_subcommand(1);
+void addFlashCommands(const Command &program, const Options &options) {
+  const Command flash = program.add("flash", "The board's flash memory");
+  flash.needsCommand();
   const auto add = [&](const char *name, const char *help, auto run) {
-    CLI::App *command = addCommand(*flash, name, help);
+    const Command command = flash.add(name, help);
     const auto request = std::make_shared<FlashRequest>();
-    command->add_option("ADDRESS", request->address, "Byte address, such as 0x10000")->required();
-    command->callback([&options, request, run] { run(options, *request); });
+    command.argument("ADDRESS", request->address, "Byte address, such as 0x10000").required();
+    command.runs([&options, request, run] { run(options, *request); });
     return std::pair(command, request);
   };
   const auto [read, read_request] = add("read", "Print it, or keep it in a file", flashRead);
-  read->add_option("LENGTH", read_request->length, "Number of bytes")->required();
-  read->add_option("-o,--output", read_request->file, "File for the bytes; - is standard output")->type_name("FILE");
+  read.argument("LENGTH", read_request->length, "Number of bytes").required();
+  read.argument("-o,--output", read_request->file, "File for the bytes; - is standard output").takes("FILE");
   const auto [write, write_request] =
       add("write", "Write bytes; the rest of their blocks stays, all is read back", flashWrite);
-  write->add_option("FILE", write_request->file, "File with the bytes");
-  write->add_option("--bytes", write_request->bytes, "The bytes themselves, hexadecimal")->type_name("HEX");
+  write.argument("FILE", write_request->file, "File with the bytes");
+  write.argument("--bytes", write_request->bytes, "The bytes themselves, hexadecimal").takes("HEX");
   const auto [erase, erase_request] = add("erase", "Erase whole blocks", flashErase);
-  erase->add_option("LENGTH", erase_request->length, "Number of bytes, a multiple of 0x1000")->required();
+  erase.argument("LENGTH", erase_request->length, "Number of bytes, a multiple of 0x1000").required();
 }
 
-void addBoardCommands(CLI::App &program, const Options &options) {
-  CLI::App *board = addCommand(program, "board", "The board's own name and id");
-  board->require_subcommand(1);
-  addCommand(*board, "show", "Tell what is programmed")->callback([&options] { boardShow(options); });
-  CLI::App *command = addCommand(*board, "program", "Program a new board, once and for all");
+void addBoardCommands(const Command &program, const Options &options) {
+  const Command board = program.add("board", "The board's own name and id");
+  board.needsCommand();
+  board.add("show", "Tell what is programmed").runs([&options] { boardShow(options); });
+  const Command command = board.add("program", "Program a new board, once and for all");
   const auto name = std::make_shared<std::string>(), id = std::make_shared<std::string>();
   const auto sure = std::make_shared<bool>(false);
-  command->add_option("--name", *name, "Type of the board, such as QTX-K245")->required()->type_name("NAME");
-  command->add_option("--id", *id, "Its own number")->type_name("ID");
-  command->add_flag("--yes", *sure, "Really do it");
-  command->callback([&options, name, id, sure] { boardProgram(options, *name, *id, *sure); });
+  command.argument("--name", *name, "Type of the board, such as QTX-K245").required().takes("NAME");
+  command.argument("--id", *id, "Its own number").takes("ID");
+  command.flag("--yes", *sure, "Really do it");
+  command.runs([&options, name, id, sure] { boardProgram(options, *name, *id, *sure); });
 }
 
-void addRegisterCommands(CLI::App &program, const Options &options) {
-  CLI::App *group =
-      addCommand(program, "register", "Registers of the chip, for a look: the next command sets them anew");
-  group->require_subcommand(1);
+void addRegisterCommands(const Command &program, const Options &options) {
+  const Command group = program.add("register", "Registers of the chip, for a look: the next command sets them anew");
+  group.needsCommand();
   for (const bool write : {false, true}) {
-    CLI::App *command = addCommand(*group, write ? "write" : "read", write ? "Write one and read it back" : "Read one");
+    const Command command = group.add(write ? "write" : "read", write ? "Write one and read it back" : "Read one");
     const auto request = std::make_shared<RegisterRequest>();
-    command->add_option("ADDRESS", request->address, "Address, 0 to 0x7f")->required();
-    if (write) command->add_option("VALUE", request->value, "Value, such as 0x28")->required();
-    command->add_option("--bytes", request->bytes, "Bytes of the register, 1 to 8")
-        ->type_name("COUNT")
-        ->capture_default_str();
-    command->callback([&options, request, write] { registerAccess(options, *request, write); });
+    command.argument("ADDRESS", request->address, "Address, 0 to 0x7f").required();
+    if (write) command.argument("VALUE", request->value, "Value, such as 0x28").required();
+    command.argument("--bytes", request->bytes, "Bytes of the register, 1 to 8").takes("COUNT").showsDefault();
+    command.runs([&options, request, write] { registerAccess(options, *request, write); });
   }
 }
 
 }  // namespace
 
-void addHardwareCommands(CLI::App &program, const Options &options) {
+void addHardwareCommands(const Command &program, const Options &options) {
   addFlashCommands(program, options);
   addBoardCommands(program, options);
   addRegisterCommands(program, options);
-  CLI::App *pin_command = addCommand(program, "pin", "A pin of the bridge");
+  const Command pin_command = program.add("pin", "A pin of the bridge");
   const auto pin_request = std::make_shared<std::string>();
-  pin_command->add_option("PIN", *pin_request, "PIN reads it, PIN=0 and PIN=1 drive it, PIN=in lets go of it")
-      ->required();
-  pin_command->callback([&options, pin_request] { pin(options, *pin_request); });
+  pin_command.argument("PIN", *pin_request, "PIN reads it, PIN=0 and PIN=1 drive it, PIN=in lets go of it").required();
+  pin_command.runs([&options, pin_request] { pin(options, *pin_request); });
 
-  CLI::App *spi_command = addCommand(program, "spi", "One transfer on the SPI bus");
+  const Command spi_command = program.add("spi", "One transfer on the SPI bus");
   const auto channel = std::make_shared<std::string>(), bytes = std::make_shared<std::string>();
   const auto count = std::make_shared<std::string>("0");
-  spi_command->add_option("CHANNEL", *channel, "0 is the chip, 1 the flash")->required();
-  spi_command->add_option("BYTES", *bytes, "What is sent, hexadecimal, such as 9f")->required();
-  spi_command->add_option("--read", *count, "How many bytes are read then")->type_name("COUNT");
-  spi_command->callback([&options, channel, bytes, count] { spi(options, *channel, *bytes, *count); });
+  spi_command.argument("CHANNEL", *channel, "0 is the chip, 1 the flash").required();
+  spi_command.argument("BYTES", *bytes, "What is sent, hexadecimal, such as 9f").required();
+  spi_command.argument("--read", *count, "How many bytes are read then").takes("COUNT");
+  spi_command.runs([&options, channel, bytes, count] { spi(options, *channel, *bytes, *count); });
 }
 
 }  // namespace tool

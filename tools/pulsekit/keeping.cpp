@@ -228,27 +228,27 @@ void restore(const Options &options) {
 
 }  // namespace
 
-void addKeepingCommands(CLI::App &program, const Options &options) {
+void addKeepingCommands(const Command &program, const Options &options) {
   const auto with_file = [&](const char *name, const char *help, auto run) {
-    CLI::App *command = addCommand(program, name, help);
+    const Command command = program.add(name, help);
     const auto path = std::make_shared<std::string>();
-    command->add_option("FILE", *path, "Settings file")->required();
-    command->callback([&options, path, run] { run(options, *path); });
+    command.argument("FILE", *path, "Settings file").required();
+    command.runs([&options, path, run] { run(options, *path); });
     return command;
   };
   with_file("save", "Keep settings in a file, verified by reading it back", save);
   const auto force = std::make_shared<bool>(false);
   with_file("load", "Apply a settings file", [force](const Options &o, const std::string &path) {
     load(o, path, *force);
-  })->add_flag("--force", *force, "Skip unknown settings, take settings of another chip");
+  }).flag("--force", *force, "Skip unknown settings, take settings of another chip");
   const auto other = std::make_shared<std::string>();
   with_file("diff", "Compare a settings file with the radar, or with another file",
             [other](const Options &o, const std::string &path) { diff(o, path, *other); })
-      ->add_option("OTHER", *other, "The other file");
-  addCommand(program, "store", "Keep settings in the board's flash, verified by reading it back")->callback([&options] {
+      .argument("OTHER", *other, "The other file");
+  program.add("store", "Keep settings in the board's flash, verified by reading it back").runs([&options] {
     store(options);
   });
-  addCommand(program, "restore", "Apply the settings in the board's flash")->callback([&options] { restore(options); });
+  program.add("restore", "Apply the settings in the board's flash").runs([&options] { restore(options); });
 }
 
 }  // namespace tool

@@ -36,16 +36,15 @@ void decode(const Options &options, const std::string &path, const std::string &
 
 }  // namespace
 
-void addLogCommands(CLI::App &program, const Options &options) {
-  CLI::App *group = addCommand(program, "log", "Frame logs");
-  group->require_subcommand(1);
-  CLI::App *command = addCommand(*group, "decode", "Turn a binary frame log into .csv or .npy");
+void addLogCommands(const Command &program, const Options &options) {
+  const Command group = program.add("log", "Frame logs");
+  group.needsCommand();
+  const Command command = group.add("decode", "Turn a binary frame log into .csv or .npy");
   const auto input = std::make_shared<std::string>();
   const auto output = std::make_shared<std::string>("-");
-  command->add_option("FILE", *input, "The log")->required();
-  command->add_option("-o,--output", *output, "FILE.csv or FILE.npy; .csv on standard output without")
-      ->type_name("FILE");
-  command->callback([&options, input, output] { decode(options, *input, *output); });
+  command.argument("FILE", *input, "The log").required();
+  command.argument("-o,--output", *output, "FILE.csv or FILE.npy; .csv on standard output without").takes("FILE");
+  command.runs([&options, input, output] { decode(options, *input, *output); });
 }
 
 }  // namespace tool

@@ -299,34 +299,31 @@ void cdf(const Options &options, std::string output, Strings plots) {
 
 }  // namespace
 
-void addMeasuringCommands(CLI::App &program, const Options &options) {
-  CLI::App *command = addCommand(program, "capture", "Take frames: to a file, as a plot, or to standard output");
+void addMeasuringCommands(const Command &program, const Options &options) {
+  const Command capturing = program.add("capture", "Take frames: to a file, as a plot, or to standard output");
   const auto request = std::make_shared<CaptureRequest>();
-  command->add_option("-n,--count", request->count, "How many frames; 0: until Ctrl-C")
-      ->type_name("COUNT")
-      ->capture_default_str();
-  command->add_option("--rate", request->rate, "Frames a second, such as 10; as fast as possible without")
-      ->type_name("RATE");
-  command->add_flag("--raw", request->raw, "Counters of the samplers instead of levels in percent");
-  command
-      ->add_option("-o,--output,FILE", request->output,
-                   "FILE.csv with the range axis, FILE.npy, FILE.log (binary frame log), or -")
-      ->type_name("FILE");
-  addPlotOption(*command, &request->plots);
-  command->callback([&options, request] { capture(options, *request); });
+  capturing.argument("-n,--count", request->count, "How many frames; 0: until Ctrl-C").takes("COUNT").showsDefault();
+  capturing.argument("--rate", request->rate, "Frames a second, such as 10; as fast as possible without").takes("RATE");
+  capturing.flag("--raw", request->raw, "Counters of the samplers instead of levels in percent");
+  capturing
+      .argument("-o,--output,FILE", request->output,
+                "FILE.csv with the range axis, FILE.npy, FILE.log (binary frame log), or -")
+      .takes("FILE");
+  addPlotOption(capturing, &request->plots);
+  capturing.runs([&options, request] { capture(options, *request); });
 
-  command = addCommand(program, "watch", "Show what the radar sees, live in the terminal");
+  const Command watching = program.add("watch", "Show what the radar sees, live in the terminal");
   const auto rate = std::make_shared<std::string>("10"), count = std::make_shared<std::string>("0");
-  command->add_option("--rate", *rate, "Frames a second")->type_name("RATE")->capture_default_str();
-  command->add_option("-n,--count", *count, "End after so many frames")->type_name("COUNT");
-  command->callback([&options, rate, count] { watch(options, *rate, *count); });
+  watching.argument("--rate", *rate, "Frames a second").takes("RATE").showsDefault();
+  watching.argument("-n,--count", *count, "End after so many frames").takes("COUNT");
+  watching.runs([&options, rate, count] { watch(options, *rate, *count); });
 
-  command = addCommand(program, "cdf", "Count each sampler's hits at each fixed threshold");
+  const Command counting = program.add("cdf", "Count each sampler's hits at each fixed threshold");
   const auto output = std::make_shared<std::string>();
   const auto plots = std::make_shared<Strings>();
-  command->add_option("-o,--output,FILE", *output, "FILE.csv, FILE.npy or -")->type_name("FILE");
-  addPlotOption(*command, plots.get());
-  command->callback([&options, output, plots] { cdf(options, *output, *plots); });
+  counting.argument("-o,--output,FILE", *output, "FILE.csv, FILE.npy or -").takes("FILE");
+  addPlotOption(counting, plots.get());
+  counting.runs([&options, output, plots] { cdf(options, *output, *plots); });
 }
 
 }  // namespace tool

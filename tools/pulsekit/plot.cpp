@@ -209,15 +209,9 @@ std::string plotText(const Plot &plot, size_t columns_wide, size_t lines) {
   return cat(plot.title, "   [", plot.y_label, " over ", plot.x_label, "]\n", body);
 }
 
-void addPlotOption(CLI::App &command, Strings *plots) {
-  command
-      .add_option_function<std::string>(
-          "--plot", [plots](const std::string &file) { plots->push_back(file); },
-          "Plot it in the terminal, or to FILE.svg or FILE.png; may stand twice")
-      ->expected(0, 1)
-      ->type_name("[FILE]")
-      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast)
-      ->trigger_on_parse();
+void addPlotOption(const Command &command, Strings *plots) {
+  command.repeated("--plot", *plots, "Plot it in the terminal, or to FILE.svg or FILE.png; may stand twice")
+      .takes("[FILE]");
 }
 
 void checkPlotNames(const Options &options, const Strings &plots) {

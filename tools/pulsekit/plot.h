@@ -21,7 +21,7 @@ struct Plot {
 std::string plotText(const Plot &plot, size_t columns, size_t lines);
 
 /// Adds --plot, which may stand twice: "" for the terminal, or the name of a file.
-void addPlotOption(CLI::App &command, Strings *plots);
+void addPlotOption(const Command &command, Strings *plots);
 
 /// Refuses a file name that is neither .svg nor .png, before anything is measured.
 void checkPlotNames(const Options &options, const Strings &plots);

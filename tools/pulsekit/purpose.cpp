@@ -205,31 +205,31 @@ void calibrate(const Options &options, const CalibrationRequest &request) {
 
 }  // namespace
 
-void addPurposeCommands(CLI::App &program, const Options &options) {
-  CLI::App *command = addCommand(program, "geometry", "What the settings mean: range axis, times, pulse rate, noise");
+void addPurposeCommands(const Command &program, const Options &options) {
+  const Command showing = program.add("geometry", "What the settings mean: range axis, times, pulse rate, noise");
   const auto comparison = std::make_shared<std::string>(kComparison);
-  command->add_option("--comparison", *comparison, "Noise of one comparison in codes of the threshold DAC")
-      ->type_name("CODES")
-      ->capture_default_str();
-  command->callback([&options, comparison] { geometry(options, *comparison); });
+  showing.argument("--comparison", *comparison, "Noise of one comparison in codes of the threshold DAC")
+      .takes("CODES")
+      .showsDefault();
+  showing.runs([&options, comparison] { geometry(options, *comparison); });
 
-  command = addCommand(program, "suggest", "Settings for a purpose, with the reasons");
+  const Command suggesting = program.add("suggest", "Settings for a purpose, with the reasons");
   const auto range = std::make_shared<std::string>(), rate = std::make_shared<std::string>("10");
   const auto apply = std::make_shared<bool>(false);
-  command->add_option("--range", *range, "How far it shall reach, such as 10m")->required()->type_name("RANGE");
-  command->add_option("--rate", *rate, "Frames a second")->type_name("RATE")->capture_default_str();
-  command->add_flag("--apply", *apply, "Set them");
-  command->callback([&options, range, rate, apply] { suggest(options, *range, *rate, *apply); });
+  suggesting.argument("--range", *range, "How far it shall reach, such as 10m").required().takes("RANGE");
+  suggesting.argument("--rate", *rate, "Frames a second").takes("RATE").showsDefault();
+  suggesting.flag("--apply", *apply, "Set them");
+  suggesting.runs([&options, range, rate, apply] { suggest(options, *range, *rate, *apply); });
 
-  command =
-      addCommand(program, "calibrate", "Measure the chip's delays and sampling rate, and place the window by them");
+  const Command calibrating =
+      program.add("calibrate", "Measure the chip's delays and sampling rate, and place the window by them");
   const auto request = std::make_shared<CalibrationRequest>();
-  command->add_option("--store", request->store, "Keep the result in this block of the flash, verified")
-      ->type_name("BLOCK");
-  command->add_option("--load", request->load, "Take the result that is kept there instead of measuring")
-      ->type_name("BLOCK");
-  addPlotOption(*command, &request->plots);
-  command->callback([&options, request] { calibrate(options, *request); });
+  calibrating.argument("--store", request->store, "Keep the result in this block of the flash, verified")
+      .takes("BLOCK");
+  calibrating.argument("--load", request->load, "Take the result that is kept there instead of measuring")
+      .takes("BLOCK");
+  addPlotOption(calibrating, &request->plots);
+  calibrating.runs([&options, request] { calibrate(options, *request); });
 }
 
 }  // namespace tool

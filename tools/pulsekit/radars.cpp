@@ -110,12 +110,12 @@ void info(const Options &options) {
 
 }  // namespace
 
-void addRadarCommands(CLI::App &program, const Options &options) {
-  CLI::App *command = addCommand(program, "list", "Attached radars");
+void addRadarCommands(const Command &program, const Options &options) {
+  const Command command = program.add("list", "Attached radars");
   const auto watch = std::make_shared<bool>(false);
-  command->add_flag("--watch", *watch, "Tell arrivals and removals until Ctrl-C");
-  command->callback([&options, watch] { *watch ? watchList(options) : list(options); });
-  addCommand(program, "info", "What a radar is: bridge, board, chip")->callback([&] { info(options); });
+  command.flag("--watch", *watch, "Tell arrivals and removals until Ctrl-C");
+  command.runs([&options, watch] { *watch ? watchList(options) : list(options); });
+  program.add("info", "What a radar is: bridge, board, chip").runs([&] { info(options); });
 }
 
 }  // namespace tool

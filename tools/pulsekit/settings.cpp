@@ -179,33 +179,34 @@ void action(const Options &options, const std::string &name) {
 
 }  // namespace
 
-void addSettingsCommands(CLI::App &program, const Options &options) {
+void addSettingsCommands(const Command &program, const Options &options) {
   {
-    CLI::App *command = addCommand(program, "settings", "Settings with value, range, unit and meaning");
+    const Command command = program.add("settings", "Settings with value, range, unit and meaning");
     const auto request = std::make_shared<SettingsRequest>();
-    command->add_option("PATTERN", request->patterns, "Names, with * and ?, or parts of names");
-    command->add_flag("--basic", request->basic, "Only what most users change");
-    command->add_flag("--expert", request->expert, "Only the others");
-    command->add_flag("--fixed", request->fixed, "Only what does not follow its automatic value");
-    command->add_flag("--details", request->details, "All that is known of each, what it follows and what follows it");
-    command->callback([&options, request] { settings(options, *request); });
+    command.argument("PATTERN", request->patterns, "Names, with * and ?, or parts of names");
+    command.flag("--basic", request->basic, "Only what most users change");
+    command.flag("--expert", request->expert, "Only the others");
+    command.flag("--fixed", request->fixed, "Only what does not follow its automatic value");
+    command.flag("--details", request->details, "All that is known of each, what it follows and what follows it");
+    command.runs([&options, request] { settings(options, *request); });
   }
   const auto with_names = [&](const char *name, const char *help, const char *what, const char *what_help, auto run,
                               bool required) {
-    CLI::App *command = addCommand(program, name, help);
+    const Command command = program.add(name, help);
     const auto names = std::make_shared<Strings>();
-    command->add_option(what, *names, what_help)->required(required);
-    command->callback([&options, names, run] { run(options, *names); });
+    Argument argument = command.argument(what, *names, what_help);
+    if (required) argument.required();
+    command.runs([&options, names, run] { run(options, *names); });
   };
   with_names("get", "Values of settings, as set takes them", "NAME", "Names of settings", get, true);
   with_names("set", "Change settings, all together or none", "NAME=VALUE",
              "A setting and its value: a number with unit (1.5ns, 15MHz, 0x20), an item, or auto", set, true);
   with_names("reset", "Let settings follow their automatic values again", "NAME", "Names of settings; all without",
              reset, false);
-  CLI::App *command = addCommand(program, "action", "Run an action of chip, board or bridge");
+  const Command command = program.add("action", "Run an action of chip, board or bridge");
   const auto name = std::make_shared<std::string>();
-  command->add_option("NAME", *name, "The action; without it, all are listed");
-  command->callback([&options, name] { action(options, *name); });
+  command.argument("NAME", *name, "The action; without it, all are listed");
+  command.runs([&options, name] { action(options, *name); });
 }
 
 }  // namespace tool
