@@ -149,6 +149,7 @@ void Told::TearDown() {
     return;
   }
   sections[name] = text_;
+  if (text_.empty()) sections.erase(name);
   std::string updated;
   for (const auto &[title, text] : sections) updated += mark + title + text;
   write(path, updated);

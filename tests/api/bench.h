@@ -1,56 +1,43 @@
-// A simulated bench behind the library, empty at first.
+// A host that looks at all settings, and cancels its own calls.
 #pragma once
-
-#include <gtest/gtest.h>
 
 #include <map>
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include "Pulsekit3Simulator.h"
 #include "Pulsekit3_control.h"
+#include "host.h"
 
-// Names of its own: other tests have other hosts.
-namespace pulsekit::test::bench {
+namespace pulsekit::test {
 
-inline std::string description(QTX_Handle *handle, int32_t code = 0) {
-  char text[4096];
-  QTX_GetErrorDescription(handle, text, sizeof text, code);
-  return text;
-}
-
-// Owns a library handle; closes and frees it.
-class Library {
- public:
-  Library() { QTX_InitHandle(&handle_); }
-  ~Library() {
-    QTX_FrameLoggingStop(handle_);
-    QTX_FreeHandle(&handle_);
-  }
-  Library(const Library &) = delete;
-  Library &operator=(const Library &) = delete;
-  QTX_Handle *get() const { return handle_; }
-  operator QTX_Handle *() const { return handle_; }  // NOLINT: stands for the handle in calls
-  QTX_Handle *operator->() const { return handle_; }
-
- private:
-  QTX_Handle *handle_ = nullptr;
+// A handle besides the first.
+struct Other {
+  Other() { QTX_InitHandle(&handle); }
+  ~Other() { QTX_CloseRadar(handle), QTX_FreeHandle(&handle); }
+  Other(const Other &) = delete;
+  Other &operator=(const Other &) = delete;
+  operator QTX_Handle *() const { return handle; }  // NOLINT: stands for the handle in calls
+  QTX_Handle *handle = nullptr;
 };
 
-class Bench : public testing::Test {
+class Bench : public Host {
  protected:
-  Bench() {
-    QTXSim_Reset();
-    QTXSim_SetRecording(0);
-    FTx232H_SetD2XX(QTXSim_D2XX());
+  Bench() { add(); }
+  // "Iterations=3 SampleDelay=auto"; the code of the first that is refused.
+  static int32_t set(QTX_Handle *on, const std::string &assignments) {
+    std::stringstream stream(assignments);
+    int32_t code = 0;
+    for (std::string each; code == 0 && stream >> each;) {
+      const size_t at = each.find('=');
+      code = QTX_VarSetValue_ByString(on, each.substr(0, at).c_str(), each.substr(at + 1).c_str());
+    }
+    return code;
   }
-  ~Bench() override { FTx232H_SetD2XX(nullptr); }
+  int32_t set(const std::string &assignments) { return set(handle, assignments); }
 
   // Before the nth write from now the handle's call is cancelled, where writes_left is set to n.
-  static void cancelAtWrites(QTX_Handle *handle) {
+  static void cancelAtWrites(QTX_Handle *of) {
     writes_left = 0;
-    to_cancel = handle;
+    to_cancel = of;
     FTx232H_D2XX table = *QTXSim_D2XX();
     table.Write = [](FT_HANDLE device, const void *buffer, uint32_t count, uint32_t *written) {
       if (writes_left > 0 && --writes_left == 0) QTX_Cancel(to_cancel);
@@ -60,39 +47,15 @@ class Bench : public testing::Test {
   }
   static inline uint32_t writes_left = 0;
   static inline QTX_Handle *to_cancel = nullptr;
-
-  static int32_t addRadar(const char *serial = "FT0001AB", const char *board = "QTX-K245",
-                          const char *chip = "QTX3701") {
-    return QTXSim_AddRadar(serial, "Radar", QTXSIM_FT232H, board, chip);
-  }
-
-  static std::string device(const std::string &serial = "FT0001AB") { return "FTx232H!Serial No: (" + serial + ")"; }
-
-  static std::string connection(const std::string &module = "QTX-K245", const std::string &chip = "QTX3701") {
-    return device() + "!" + module + "!" + chip;
-  }
 };
-
-// Closes its radar before the handle goes.
-class Radar : public Library {
- public:
-  Radar() = default;
-  ~Radar() { QTX_CloseRadar(get()); }
-};
-
-inline std::vector<std::string> split(const std::string &text) {
-  std::vector<std::string> names;
-  std::stringstream stream(text);
-  for (std::string name; std::getline(stream, name, ',');) {
-    if (!name.empty()) names.push_back(name);
-  }
-  return names;
-}
 
 inline std::vector<std::string> variables(QTX_Handle *handle) {
   std::vector<char> text(20000);
   EXPECT_EQ(QTX_ListVariables(handle, text.data(), static_cast<int32_t>(text.size())), 0);
-  return split(text.data());
+  std::vector<std::string> names;
+  std::stringstream stream(text.data());
+  for (std::string name; std::getline(stream, name, ',');) names.push_back(name);
+  return names;
 }
 
 struct Setting {
@@ -100,10 +63,6 @@ struct Setting {
   bool automatic;
   bool operator==(const Setting &) const = default;
 };
-
-inline void PrintTo(const Setting &setting, std::ostream *stream) {
-  *stream << setting.value << (setting.automatic ? " automatic" : "");
-}
 
 // Everything that a host may write and that is visible now.
 inline std::map<std::string, Setting> settings(QTX_Handle *handle) {
@@ -119,8 +78,4 @@ inline std::map<std::string, Setting> settings(QTX_Handle *handle) {
   return all;
 }
 
-}  // namespace pulsekit::test::bench
-
-namespace pulsekit::test {
-using namespace bench;  // NOLINT: for the tests that include this
-}
+}  // namespace pulsekit::test

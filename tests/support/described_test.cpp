@@ -103,6 +103,8 @@ TEST_F(Described, BackEndsActionsAndReadouts) {
     DO_FOR(command, (bus.value = 0xabcd, *middle->func(command, set, middle, &value)));
   }
   DO((bus.code = 264, *middle->func(VAR_CMD_READ_VALUE, set, middle, &value)));
+  watched = nullptr;
+  DO((record = {}, bus.code = 264, *middle->func(VAR_CMD_READ_VALUE, set, middle, &value)), record.code);
 }
 
 TEST_F(Described, SetsAreIndependent) {
