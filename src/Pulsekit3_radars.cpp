@@ -94,7 +94,7 @@ void releaseLayers(QTX_Handle *handle) {
 
 void releaseLeftInterface(QTX_Handle *handle) {
   const InterfaceHandle *bridge = handle->interface_handle;
-  if (!bridge || handle->chip || handle->module || bridge->Unlock != interfaceUnlock) return;
+  if (!bridge || handle->chip || handle->module) return;
   if (interfaceIsOurs(bridge)) interfaceFreeHandle(&handle->interface_handle, nullptr);
 }
 

@@ -44,7 +44,7 @@ struct ChipHandle {
   uint32_t sweep_idle; /* 0 while a sweep that was started in advance waits to be read */
   uint32_t initializing;
   QTX_StackTrace *error_state;
-  /* Private from here on. */
+  /* Private from here on; a record that a host has made itself ends above (own_records.h). */
   uint32_t prepared_elsewhere; /* 1: the timing record's preparation was loaded with it, not made on this hardware */
 };
 

@@ -7,6 +7,7 @@
 
 #include "../support/handle_state.h"
 #include "../support/numbers.h"
+#include "../support/own_records.h"
 #include "sweeps.h"
 
 namespace pulsekit::chip {
@@ -19,6 +20,7 @@ struct Freer {
     if (chip->variables) driver->free_variables(&chip->variables);
     std::free(chip->timing_record);
     std::free(chip->saved_delays);
+    removeOwnRecord(chip);
     delete chip;
   }
 };
@@ -37,7 +39,7 @@ int32_t createHandle(ChipHandle **out, QTX_StackTrace **error_state, QTX_Handle 
   *out = nullptr;
   if (!access) return origin(*error_state, at, kRadarNotInitialized);
   std::unique_ptr<ChipHandle, Freer> chip(new (std::nothrow) ChipHandle{}, Freer{&driver});
-  if (!chip) return origin(*error_state, at, kOutOfMemory);
+  if (!chip || !addOwnRecord(chip.get())) return origin(*error_state, at, kOutOfMemory);
   QTX_StackTraceInit(&chip->error_state, error_state);
   chip->access = access;
   chip->initializing = 1;
@@ -57,7 +59,7 @@ int32_t createHandle(ChipHandle **out, QTX_StackTrace **error_state, QTX_Handle 
 
 int32_t freeHandle(ChipHandle **slot, QTX_StackTrace **error_state_or_null, const Driver &driver) {
   if (!slot) return kError;
-  if (*slot) Freer{&driver}(*slot);
+  if (*slot && isOwnRecord(*slot)) Freer{&driver}(*slot);
   *slot = nullptr;
   QTX_StackTraceFree(error_state_or_null);
   return kSuccess;

@@ -9,6 +9,7 @@
 #include "../platform/platform.h"
 #include "../support/QTX_Handle.h"
 #include "../support/list.h"
+#include "../support/own_records.h"
 #include "../support/trace.h"
 #include "FTx232H/FTx232H.h"
 #include "program.h"
@@ -65,23 +66,25 @@ platform::Lock *lockOf(const InterfaceHandle *bridge) {
 InterfaceHandle *createHandle(QTX_StackTrace **record, QTX_Handle *owner, int32_t *shared_status) {
   std::unique_ptr<InterfaceHandle> bridge(new (std::nothrow) InterfaceHandle{});
   std::unique_ptr<platform::Lock> lock = makeLock();
-  if (!bridge || !lock) return nullptr;
+  if (!bridge || !lock || !addOwnRecord(bridge.get())) return nullptr;
   if (record) QTX_StackTraceInit(&bridge->error_state, record);
   bridge->owner = owner;
   bridge->shared_status = shared_status;
   bridge->InitInterface = interfaceDefaultInitInterface;
   bridge->Lock = interfaceLock;
   bridge->Unlock = interfaceUnlock;
-  bridge->self = bridge.get();
   bridge->lock = lock.release();
   return bridge.release();
 }
 
 void destroyHandle(InterfaceHandle **bridge) {
-  const std::unique_ptr<platform::Lock> lock(lockOf(*bridge));
-  if (lock) lock->leave();
-  delete *bridge;
+  InterfaceHandle *handle = *bridge;
   *bridge = nullptr;
+  if (!interfaceIsOurs(handle)) return;
+  const std::unique_ptr<platform::Lock> lock(lockOf(handle));
+  if (lock) lock->leave();
+  removeOwnRecord(handle);
+  delete handle;
 }
 
 QTX_StackTrace *recordIn(QTX_StackTrace **slot) { return slot ? *slot : nullptr; }
@@ -117,7 +120,11 @@ bool appendDevices(InterfaceHandle *bridge, char *out, uint32_t size) {
 
 QTX_StackTrace *interfaceErrorRecord(const InterfaceHandle *bridge) {
   if (!bridge) return nullptr;
-  if (interfaceIsOurs(bridge) && bridge->error_state) return bridge->error_state;
+  if (interfaceIsOurs(bridge)) {
+    if (bridge->error_state) return bridge->error_state;
+  } else if (bridge->variables && bridge->variables->error_state) {
+    return bridge->variables->error_state;
+  }
   return bridge->owner ? bridge->owner->error : nullptr;
 }
 
@@ -125,7 +132,7 @@ const ProgramOperations *interfacePrograms(const InterfaceHandle *bridge) {
   return bridge && interfaceIsOurs(bridge) ? static_cast<const ProgramOperations *>(bridge->programs) : nullptr;
 }
 
-bool interfaceIsOurs(const InterfaceHandle *bridge) { return bridge->self == bridge; }
+bool interfaceIsOurs(const InterfaceHandle *bridge) { return isOwnRecord(bridge); }
 
 bool interfaceHasDevice(const InterfaceHandle *bridge) {
   return bridge && interfaceIsOurs(bridge) && bridge->connected != 0;

@@ -60,8 +60,7 @@ struct InterfaceHandle {
   int32_t (*Unlock)(InterfaceHandle *bridge);
   int32_t (*InterfaceLogging)(InterfaceHandle *bridge, int32_t mode, const char *file_name);
   int32_t (*InterfaceLogComment)(InterfaceHandle *bridge, const char *text);
-  /* Private from here on; a record that a host has made itself ends above. */
-  const struct InterfaceHandle *self; /* this handle, where the layer has made it */
+  /* Private from here on; a record that a host has made itself ends above (own_records.h). */
   void *lock;
   QTX_StackTrace *error_state;
   int32_t connected;    /* 1 between interfaceConnect and interfaceDisconnect */

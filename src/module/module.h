@@ -29,7 +29,7 @@ struct ModuleHandle {
   int32_t (*ReadFlashMemory)(ModuleHandle *module, uint32_t address, uint8_t *buffer, int32_t length);
   int32_t (*WriteFlashMemory)(ModuleHandle *module, uint32_t address, const uint8_t *buffer, uint32_t length);
   QTX_StackTrace *error_state;
-  /* Private from here on. */
+  /* Private from here on; a record that a host has made itself ends above (own_records.h). */
   int32_t owns_error_state; /* 1 when there was no record to share */
 };
 

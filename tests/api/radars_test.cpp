@@ -1,6 +1,11 @@
 // Listing, opening, closing and powering radars, board information, a bridge that is pulled at any moment.
 #include <algorithm>
+#include <cstddef>
+#include <cstdlib>
 
+#include "Pulsekit3_control.h"
+#include "Pulsekit3_settings.h"
+#include "Pulsekit3_stream.h"
 #include "host.h"
 
 namespace pulsekit::test {
@@ -138,6 +143,43 @@ TEST_F(Radars, BoardInformation) {
   }
   DO(QTX_ModuleReadBoardInfo(handle, nullptr, 4), QTX_ModuleReadBoardInfo(nullptr, nullptr, 4),
      QTX_ModuleProgramBoardInfo(handle, nullptr, 4), QTX_ModuleProgramBoardInfo(nullptr, info.data(), 4));
+}
+
+// A host's own record ends in front of the private fields; a sanitizer watches what lies there.
+template <typename Record>
+Record *hostsOwn(const Record *whole, size_t size) {
+  return static_cast<Record *>(std::memcpy(std::malloc(size), whole, size));
+}
+
+TEST_F(Radars, RecordsOfAHostsOwn) {
+  add();
+  ASSERT_EQ(open(), 0);
+  ChipHandle *chip = hostsOwn(handle->chip, offsetof(ChipHandle, prepared_elsewhere));
+  ModuleHandle *module = hostsOwn(handle->module, offsetof(ModuleHandle, owns_error_state));
+  InterfaceHandle *bridge = hostsOwn(handle->interface_handle, offsetof(InterfaceHandle, lock));
+  const auto exchange = [&] {
+    std::swap(chip, handle->chip);
+    std::swap(module, handle->module);
+    std::swap(bridge, handle->interface_handle);
+  };
+  double frame[512];
+  uint32_t count = 0;
+  const char *names[] = {"PulsesPerStep"}, *values[] = {"3"};
+  exchange();
+  DO(QTX_PowerOffRadar(handle), QTX_PowerOnRadar(handle), QTX_ExecuteAction_ByName(handle, "TMeasPrepare"),
+     QTX_VarsResetAllToDefault(handle), QTX_TimingMeasurementSaveDataToFlash(handle, 9),
+     QTX_TimingMeasurementLoadDataFromFlash(handle, 9), QTX_VarsSetMany(handle, names, values, 1, nullptr, &count),
+     QTX_GetFrameNormalized(handle, frame, 512), QTX_StreamStart(handle, nullptr),
+     QTX_StreamRead(handle, frame, 1024, nullptr, 1, &count, -1), QTX_StreamStop(handle), QTX_IO_SetValue(handle, 9, 1),
+     (QTXSim_FailCall("Write", 9, 9, 4), QTX_Calibrate(handle, -1)));
+  QTXSim_ClearFaults();
+  exchange();
+  void *blocks[] = {chip, module, bridge};
+  module->variables = nullptr;
+  bridge->driver_name[0] = 0;
+  DO(chipFree(&chip, nullptr), moduleFree(&module, nullptr), interfaceFreeHandle(&bridge, nullptr), chip, module,
+     bridge);
+  for (void *block : blocks) std::free(block);
 }
 
 TEST_F(Radars, PullingThePlugEndsEveryCall) {

@@ -195,7 +195,6 @@ TEST_F(Connection, DefaultHandleAndHostsOwn) {
   // A host's own record ends in front of the private fields: what stands there is neither read nor written.
   open("FTx232H");
   InterfaceHandle own{};
-  own.self = bridge;
   own.lock = &of_the_host;
   own.error_state = reinterpret_cast<QTX_StackTrace *>(&of_the_host);
   own.connected = 7;

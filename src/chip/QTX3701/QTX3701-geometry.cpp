@@ -113,7 +113,7 @@ class Before {
   explicit Before(ChipHandle *chip)
       : chip_(chip),
         record_(*timingRecordOf(chip->variables)),
-        prepared_elsewhere_(chip->prepared_elsewhere),
+        prepared_elsewhere_(preparedElsewhere(chip)),
         variables_(chip->variables->variables, chip->variables->variables + chip->variables->count) {}
 
   void putBack() const {
@@ -121,7 +121,7 @@ class Before {
     const std::vector<Variable> reached(set->variables, set->variables + set->count);
     std::copy(variables_.begin(), variables_.end(), set->variables);
     *timingRecordOf(set) = record_;
-    chip_->prepared_elsewhere = prepared_elsewhere_;
+    notePreparedElsewhere(chip_, prepared_elsewhere_);
     for (int32_t i = 0; i < set->count; ++i) {
       Variable *variable = &set->variables[set->order[i].index];
       if (variable->value != reached[static_cast<size_t>(varIndex(set, variable))].value)
@@ -132,7 +132,7 @@ class Before {
  private:
   ChipHandle *chip_;
   TimingRecord record_;
-  uint32_t prepared_elsewhere_;
+  bool prepared_elsewhere_;
   std::vector<Variable> variables_;
 };
 

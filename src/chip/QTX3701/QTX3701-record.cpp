@@ -116,8 +116,8 @@ int32_t CHIP(measurementLoadDataFromFlash)(ChipHandle *chip, uint32_t block) {
     return passThrough(chip->error_state, HERE, code);
   }
   if (checksum(loaded) != loaded.checksum) return origin(chip->error_state, HERE, kNoValidSetup);
-  const bool prepared_here = record->prepared != 0 && chip->prepared_elsewhere == 0;
-  chip->prepared_elsewhere = loaded.prepared != 0 && !prepared_here;
+  const bool prepared_here = record->prepared != 0 && !preparedElsewhere(chip);
+  notePreparedElsewhere(chip, loaded.prepared != 0 && !prepared_here);
   *record = loaded;
   for (const Average &average : kAverages) {
     Variable *variable = varNamed(chip->variables, average.variable);

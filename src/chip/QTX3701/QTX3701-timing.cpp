@@ -93,14 +93,12 @@ int32_t setEnables(VariableSet *set, int64_t value) {
 }
 
 int32_t prepareOnce(VariableSet *set, const TimingRecord *record) {
-  return record->prepared == 0 || chipOf(set)->prepared_elsewhere ? CHIP(TMeasPrepare)(set) : int32_t{kSuccess};
+  return record->prepared == 0 || preparedElsewhere(chipOf(set)) ? CHIP(TMeasPrepare)(set) : int32_t{kSuccess};
 }
 
-// A handle without a record is a host's own, which ends before the private fields.
 void notePreparation(ChipHandle *chip, int32_t prepared) {
-  if (!chip->timing_record) return;
-  static_cast<TimingRecord *>(chip->timing_record)->prepared = prepared;
-  chip->prepared_elsewhere = 0;
+  if (chip->timing_record) static_cast<TimingRecord *>(chip->timing_record)->prepared = prepared;
+  notePreparedElsewhere(chip, false);
 }
 
 int32_t waitForResults(VariableSet *set) {

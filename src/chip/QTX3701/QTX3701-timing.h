@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "../../support/numbers.h"
+#include "../../support/own_records.h"
 #include "../driver.h"
 #include "QTX3701.h"
 
@@ -87,6 +88,12 @@ inline ChipHandle *chipOf(const VariableSet *set) {
 inline TimingRecord *timingRecordOf(const VariableSet *set) {
   ChipHandle *chip = chipOf(set);
   return chip ? static_cast<TimingRecord *>(chip->timing_record) : nullptr;
+}
+
+// Whether the record's preparation was loaded with it. A chip handle that a host has made itself has no room to tell.
+inline bool preparedElsewhere(const ChipHandle *chip) { return isOwnRecord(chip) && chip->prepared_elsewhere != 0; }
+inline void notePreparedElsewhere(ChipHandle *chip, bool elsewhere) {
+  if (isOwnRecord(chip)) chip->prepared_elsewhere = elsewhere;
 }
 
 // How long the short wait counts at a master clock frequency.

@@ -29,7 +29,7 @@ void fillOperations(InterfaceHandle &bridge) {
   bridge.GetIO = FTx232H_GetIO;
   bridge.InterfaceLogging = FTx232H_InterfaceLogging;
   bridge.InterfaceLogComment = FTx232H_InterfaceLogComment;
-  bridge.Probe = FTx232H_Probe;
+  if (interfaceIsOurs(&bridge)) bridge.Probe = FTx232H_Probe;
 }
 
 // A handle that a host has given slots of its own holds nothing of this driver.
@@ -57,7 +57,7 @@ int32_t FTx232H_InitHandle(InterfaceHandle **bridge_slot, QTX_StackTrace **recor
   std::memset(bridge->driver_name, 0, sizeof bridge->driver_name);
   std::memcpy(bridge->driver_name, kDriverName, sizeof kDriverName);
 
-  QTX_StackTrace *shared = interfaceErrorRecord(bridge);
+  QTX_StackTrace *shared = record && *record ? *record : interfaceErrorRecord(bridge);
   if (int32_t code = vars_FTx232H_InitHandle(&bridge->variables, &shared)) return passThrough(shared, HERE, code);
   bridge->variables->owner = owner;
   bridge->connection = createConnection();

@@ -1,17 +1,21 @@
 #include "board.h"
 
 #include <algorithm>
+#include <memory>
 #include <new>
 
 #include "../../support/QTX_Handle.h"
+#include "../../support/own_records.h"
 #include "serialFlash.h"
 
 namespace pulsekit {
 
 int32_t createBoardHandle(ModuleHandle **out, QTX_StackTrace **error_state, QTX_Handle *owner,
                           const char *driver_name) {
-  *out = new (std::nothrow) ModuleHandle{};
-  if (!*out) return kOutOfMemory;
+  *out = nullptr;
+  std::unique_ptr<ModuleHandle> handle(new (std::nothrow) ModuleHandle{});
+  if (!handle || !addOwnRecord(handle.get())) return kOutOfMemory;
+  *out = handle.release();
   ModuleHandle &module = **out;
   module.driver_name = driver_name;
   module.owner = owner;
@@ -22,11 +26,14 @@ int32_t createBoardHandle(ModuleHandle **out, QTX_StackTrace **error_state, QTX_
 
 void freeBoardHandle(ModuleHandle **module, QTX_StackTrace **error_state_or_null) {
   ModuleHandle *handle = *module;
+  const bool ours = isOwnRecord(handle);
   const bool given = error_state_or_null && *error_state_or_null == handle->error_state;
-  if (handle->owns_error_state && !given) QTX_StackTraceFree(&handle->error_state);
+  if (ours && handle->owns_error_state && !given) QTX_StackTraceFree(&handle->error_state);
   if (error_state_or_null) QTX_StackTraceFree(error_state_or_null);
-  delete handle;
   *module = nullptr;
+  if (!ours) return;
+  removeOwnRecord(handle);
+  delete handle;
 }
 
 int32_t findBridge(const QTX_Handle *owner, InterfaceHandle **bridge) {
