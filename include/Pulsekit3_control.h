@@ -15,11 +15,11 @@ extern "C" {
 
 /* The call in progress on the handle waits no longer (for a sweep, a measurement, the flash, a frame of a stream, a
    change of the list of radars) and returns 1537; a call that waits for nothing goes on. Without a call in progress
-   nothing happens, and no later call is concerned. The one function that any thread may call while another one uses the
-   handle; not while the handle is freed.
-   What was cancelled is put in order before the call returns, which takes at most some 200 ms: a sweep is stopped,
-   moved settings go back, a page or block of the flash that is being written is waited for. A setting whose register
-   could not be written in time keeps its new value: set it to another value and back, or reset it. */
+   nothing happens, and no later call is concerned. The one function that any thread and any signal handler may call
+   while a call uses the handle; not while the handle is freed. What was cancelled is put in order before the call
+   returns, which takes at most some 200 ms: a sweep is stopped, moved settings go back, a page or block of the flash
+   that is being written is waited for. A setting whose register could not be written in time keeps its new value: set
+   it to another value and back, or reset it. */
 QTX_API int32_t QTX_Cancel(QTX_Handle *handle);
 
 /* The longest time in milliseconds that one wait without a limit of its own may last: for the end of a sweep or of a

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
 
@@ -18,18 +17,21 @@ class HandlePart {
   virtual ~HandlePart() = default;
 };
 
-// Used by the handle's thread, except for what cancelCall guards.
-struct HandleState {
+// What goes with the handle.
+struct HandleParts {
   std::unique_ptr<HandlePart> stream;  // freed when the radar is closed
   std::unique_ptr<HandlePart> radars;  // that the last wait for a change of the list saw
   std::unique_ptr<HandlePart> advice;  // what the last failure was about
   int32_t wait_limit_ms = 0;           // of waits that have no limit of their own; 0: none
-  bool restoring = false;              // settings are being loaded from a file or from flash
+};
+
+// Used by the handle's thread, except for `call`.
+struct HandleState : HandleParts {
+  enum Call : int { kNone, kRunning, kToEnd };
+  std::atomic<int> call = kNone;
 
   // ---- The call in progress ----
   int32_t depth = 0;
-  std::atomic<bool> cancelled = false;
-  std::condition_variable woken;
   int32_t ended = 0;         // the code that ended a wait of this call
   uint64_t grace_until = 0;  // us: what puts things in order behind that may wait until then
 };
@@ -41,7 +43,8 @@ void destroyHandleState(const QTX_Handle *handle);
 // Null where there is none; valid until the handle is freed.
 HandleState *stateOf(const QTX_Handle *handle);
 
-// From any thread: ends the wait of the call in progress; without one nothing happens. False where there is no state.
+// From any thread and signal handler: ends the wait of the call in progress; without one nothing happens. False where
+// there is no state.
 bool cancelCall(const QTX_Handle *handle);
 
 // Stands in every exported function that may wait. They may call each other: the outermost one is the call that a
@@ -59,20 +62,18 @@ class CallScope {
   HandleState *state_;
 };
 
-// Stands where settings are loaded.
+// Stands where settings are loaded from a file or from flash.
 class Restoring {
  public:
-  explicit Restoring(const QTX_Handle *handle) : state_(stateOf(handle)) {
-    if (state_) state_->restoring = true;
-  }
-  ~Restoring() {
-    if (state_) state_->restoring = false;
-  }
+  explicit Restoring(const QTX_Handle *handle) : outer_(current) { current = handle; }
+  ~Restoring() { current = outer_; }
   Restoring(const Restoring &) = delete;
   Restoring &operator=(const Restoring &) = delete;
+  static bool runs(const QTX_Handle *handle) { return handle && handle == current; }
 
  private:
-  HandleState *state_;
+  static inline thread_local const QTX_Handle *current = nullptr;
+  const QTX_Handle *outer_;
 };
 
 // How long a wait that starts now may last.
@@ -99,7 +100,7 @@ int32_t cancelCheck(const QTX_Handle *handle);
 // Whether a call ends with this code because a wait was ended: the radar is there and can be put in order.
 bool endsWait(int32_t code);
 
-// Sleeps; ends within a millisecond or two when the call is cancelled.
+// Sleeps; ends within some milliseconds when the call is cancelled.
 void pauseWait(const QTX_Handle *handle, uint32_t milliseconds);
 
 }  // namespace pulsekit

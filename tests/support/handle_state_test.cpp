@@ -31,6 +31,9 @@ TEST(HandleState, EndsTheWaitsOfTheCallInProgressOnly) {
     stateOf(handle)->grace_until = 0;
     EXPECT_EQ(waitCheck(handle, later), code);
   }
+  Deadline outside(handle, 0);
+  EXPECT_EQ(waitCheck(handle, outside), kWaitedTooLong) << "of a function of the layers";
+  EXPECT_EQ(cancelCheck(handle), 0);
   QTX_FreeHandle(&handle);
   EXPECT_FALSE(cancelCall(handle));
   Deadline none(nullptr, 0), endless(nullptr);

@@ -436,8 +436,7 @@ int32_t CHIP(measurementSetDCOFrequency)(VariableSet *set, uint32_t frequency) {
 
 int32_t CHIP(writeDCOTargetFrequency)(VariableSet *set, int64_t frequency) {
   const uint64_t oscillator = setting(set, "DCOEnable"), tuner = setting(set, "DCOTunerEnable");
-  const HandleState *state = stateOf(accessOf(set));
-  if (state && state->restoring) {
+  if (Restoring::runs(accessOf(set))) {
     // The settings that would follow from the frequency are restored themselves.
     const int32_t code = oscillator == 1 && tuner == 1 ? tuneDco(set) : int32_t{kSuccess};
     return code ? passThrough(set->error_state, HERE, code) : kSuccess;
