@@ -4,6 +4,7 @@
   describe.py sources <description> --model <model> --out <directory>
   describe.py reference <description>... --out <file>
   describe.py meaning <description>... --out <directory>
+  describe.py table <description>... --out <file>
 """
 import argparse
 import sys
@@ -20,7 +21,7 @@ import sources
 def arguments():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     commands = parser.add_subparsers(dest='command', required=True)
-    for name, count in (('sources', 1), ('reference', '+'), ('meaning', '+')):
+    for name, count in (('sources', 1), ('reference', '+'), ('meaning', '+'), ('table', '+')):
         command = commands.add_parser(name)
         command.add_argument('descriptions', nargs=count, type=Path)
         command.add_argument('--out', required=True, type=Path)
@@ -37,6 +38,9 @@ def run(options):
                  for path in options.descriptions for model in description.models(path)]
     if options.command == 'meaning':
         meaning.write(described, options.out)
+        return
+    if options.command == 'table':
+        meaning.write_table(described, options.out)
         return
     options.out.parent.mkdir(parents=True, exist_ok=True)
     options.out.write_text(reference.markdown(described), encoding='utf-8')

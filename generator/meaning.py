@@ -1,4 +1,6 @@
-"""The meaning of all variables and actions as C++, for programs that explain settings."""
+"""The meaning of all variables and actions, as C++ and as JSON, for programs that explain settings."""
+import json
+
 from sources import text_literal
 
 HEADER = '''// Generated from the descriptions: change those, not this.
@@ -51,6 +53,18 @@ def write(descriptions, directory):
     directory.mkdir(parents=True, exist_ok=True)
     (directory / 'meaning-autogen.h').write_text(HEADER, encoding='utf-8')
     (directory / 'meaning-autogen.cpp').write_text(_source(descriptions), encoding='utf-8')
+
+
+def write_table(descriptions, path):
+    """{model: {name: [unit, help, whether most people need it]}}"""
+    table = {}
+    for description in descriptions:
+        for entry in [*description.variables, *description.actions]:
+            texts = entry.entry
+            table.setdefault(description.model, {})[entry.name] = [
+                texts.get('unit', ''), texts['help'], texts['level'] == 'basic']
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_text(json.dumps(table, indent=0, ensure_ascii=False), encoding='utf-8')
 
 
 def _source(descriptions):
