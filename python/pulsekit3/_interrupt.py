@@ -18,7 +18,7 @@ from ._library import library
 _RETRY_SECONDS = 0.02  # a call that had not begun to wait is cancelled again
 
 _guard = threading.Lock()
-_in_call: Optional[tuple[int, object]] = None  # the main thread's handle, and something unique to the call
+_in_call: Optional[tuple[int]] = None  # the main thread's handle, in a tuple of its own for every call
 _writer: Optional[socket.socket] = None
 _descriptor = -1
 _previous = -1  # who was told about signals before
@@ -76,8 +76,9 @@ def call(function: Any, handle: int, *arguments: Any) -> int:
         return int(function(handle, *arguments))
     try:
         _previous = previous if previous != _descriptor else -1
-        _in_call = (handle, object())
-        return int(function(handle, *arguments))
+        _in_call = (handle,)
+        code: int = function(handle, *arguments)
+        return code
     finally:
         _in_call = None
         signal.set_wakeup_fd(_previous)

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import asyncio
+import contextlib
 import ctypes
 from collections import deque
 from dataclasses import dataclass
@@ -70,13 +71,14 @@ class Statistics:
 
 
 class Stream:
-    """Frames, one after the other, in a for or an async for loop. It ends with the loop, with close() or a with block.
+    """Frames, one after the other, in a for or an async for loop. It starts with the first one that is asked for, and ends with
+    the loop, with close() or a with block.
 
     for frame in radar.stream(rate=100): ...
     """
 
     def __init__(self, radar: Radar, rate: float, kind: Kind, count: Optional[int], timeout: Optional[float]) -> None:
-        self._running = False
+        self._running = self._ended = False
         number, dtype = kind_of(kind)
         if timeout is not None and not 0 <= timeout <= 2e6:
             raise ValueError(f"timeout {timeout!r} is no time in seconds")
@@ -86,10 +88,8 @@ class Stream:
         self._ready: deque[Frame] = deque()
         self._infos = np.zeros(_BATCH, _INFO)
         self._count = ctypes.c_uint32()
-        self._values: npt.NDArray[Any] = np.empty(_BATCH * max(256, radar.geometry.samplers), dtype)
-        options = StreamOptions(ctypes.sizeof(StreamOptions), number, float(rate), 0)
-        radar._call("QTX_StreamStart", ctypes.byref(options))
-        self._running = True
+        self._make_room(_BATCH * 256, dtype)
+        self._options = StreamOptions(ctypes.sizeof(StreamOptions), number, float(rate), 0)
 
     # ---- One after the other ----
 
@@ -117,24 +117,30 @@ class Stream:
 
     def close(self) -> None:
         """Frames that were not taken are gone. Closing twice is fine."""
+        self._ended = True
         if self._running:
             self._running = False
             self._ready.clear()
             if self._radar.is_open:
                 self._radar._call("QTX_StreamStop")
 
+    def start(self) -> None:
+        """Before the first frame is asked for: measures how long a sweep takes, and orders the first frames."""
+        if not self._running and not self._ended:
+            self._radar._call("QTX_StreamStart", ctypes.byref(self._options))
+            self._running = True
+
     def __enter__(self) -> Stream:
+        self.start()
         return self
 
     def __exit__(self, *_: object) -> None:
-        self.close()
+        with contextlib.suppress(errors.Error):  # it has ended all the same; the next call tells what is wrong
+            self.close()
 
     def __del__(self) -> None:
         if getattr(self, "_running", False):
-            try:
-                self.close()
-            except errors.Error:
-                pass  # its radar is gone
+            self.__exit__()
 
     @property
     def statistics(self) -> Statistics:
@@ -150,6 +156,7 @@ class Stream:
         """Waits for a frame and takes what is there; whether there is one."""
         if self._left == 0:
             self.close()
+        self.start()
         if not self._running:
             return False
         wanted = _BATCH if self._left is None else min(_BATCH, self._left)
@@ -165,16 +172,18 @@ class Stream:
             try:
                 self._radar._call(
                     "QTX_StreamRead",
-                    self._values.ctypes.data,
-                    self._values.size,
-                    self._infos.ctypes.data,
+                    *self._room,
                     wanted,
                     ctypes.byref(self._count),
                     self._timeout_ms,
                 )
                 return
             except errors.BufferTooSmall:
-                self._values = np.empty(2 * self._values.size, self._values.dtype)
+                self._make_room(2 * self._values.size, self._values.dtype)
+
+    def _make_room(self, entries: int, dtype: npt.DTypeLike) -> None:
+        self._values: npt.NDArray[Any] = np.empty(entries, dtype)
+        self._room = self._values.ctypes.data, entries, self._infos.ctypes.data  # asking for an address takes a while
 
     def _take(self) -> None:
         start = 0

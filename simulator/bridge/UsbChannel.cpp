@@ -76,8 +76,9 @@ Progress UsbChannel::work(uint64_t until, size_t most, bool toAnswer) {
 
 void UsbChannel::drop(size_t used) {
   head_ += used;
-  if (head_ < fromHost_.size()) return;
-  fromHost_.clear();
+  // A host that keeps commands ahead never lets it run empty.
+  if (head_ < fromHost_.size() && head_ <= fifoSize_) return;
+  fromHost_.erase(fromHost_.begin(), fromHost_.begin() + static_cast<std::ptrdiff_t>(head_));
   head_ = 0;
 }
 
