@@ -88,6 +88,14 @@ class FileReplacement {
   FILE *stream_ = nullptr;
 };
 
+// ---- What working bridges without a vendor's library needs; not on Windows ----
+
+int64_t processNumber();
+// Whether the system has a USB at all.
+bool hasUsb();
+// The other programs that have the file open, "name (process number), ...", as far as this user may see them.
+std::string programsWithOpen(const std::string &path);
+
 }  // namespace pulsekit::platform
 
 // Registration of host functions, which no platform offers: records and returns 8.

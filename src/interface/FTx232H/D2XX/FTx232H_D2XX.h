@@ -88,16 +88,29 @@ QTX_API int32_t FTx232H_SetD2XX(const FTx232H_D2XX *functions);
 /*
  * Without a table of the host the library loads one, when a bridge is listed or opened for the first time in the
  * process: the one that the environment variable PULSEKIT3_BRIDGE_LIBRARY names and no other, else the vendor's
- * (libftd2xx.so; FTD2XX.dll on Windows). It must export the thirteen functions as FT_Close, FT_Read, ...: if one is
- * missing it is refused as a whole. A library may also export const char *FTx232H_LibraryFault(void); which is asked
- * once after loading: null, or the reason why it can't serve, which refuses it.
+ * (libftd2xx.so; FTD2XX.dll on Windows), else, except on Windows, it works the bridges by itself through libusb-1.0,
+ * which "libusb" names in the environment variable. A library must export the thirteen functions as FT_Close,
+ * FT_Read, ...: if one is missing it is refused as a whole. A library may also export const char
+ * *FTx232H_LibraryFault(void); which is asked once after loading: null, or the reason why it can't serve, which refuses
+ * it.
  */
 
 /* Writes which library serves or why none does, a line for each that was looked for: "<library>: loaded\n",
-   "<library>: not loaded: <the system's reason>\n", "<library>: refused: <reason>\n", or
+   "<library>: not loaded: <the system's reason>\n", "<library>: refused: <reason>\n", "libusb-1.0: in use\n", or
    "table of the host (FTx232H_SetD2XX): in use\n". Loads the library where that is still to be done. Returns 0, 1 for
    no buffer, or 2 when the text was cut at size - 1 characters. Any thread may call it. */
 QTX_API int32_t FTx232H_DescribeBridgeLibraries(char *text, int32_t size);
+
+/* Writes a line for each channel of each bridge that the system shows on the USB, usable or not: place, channel, IDs,
+   serial number ("?" where it can't be read), state, and, where it can't be used, cause and remedy:
+     "usb 1-2.4 A 0403:6010 FT0001ABA: ready\n"
+     "usb 1-2.4 B 0403:6010 FT0001ABB: busy: flashrom (1234) has it open: end that program\n"
+   States: "ready", "open in this program", "no rights", "busy", "wrong driver" (as long as the kernel makes a serial
+   port of it the vendor's library can't use it), "no MPSSE", "no answer". Nothing is written where a table of the host
+   or a library that the environment names serves, on Windows, and where libusb is not built in. Reads the bridges that
+   are not open. Returns 0, 1 for no buffer, 2 when the text was cut at size - 1 characters, or 7. Any thread may call
+   it. */
+QTX_API int32_t FTx232H_DescribePorts(char *text, int32_t size);
 
 #ifdef __cplusplus
 }

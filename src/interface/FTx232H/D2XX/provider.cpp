@@ -2,13 +2,16 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <optional>
+#include <string>
 
 #include "../../../platform/platform.h"
 #include "../../../support/QTX_ErrorCodes.h"
+#include "usb/libusb_provider.h"
 
 namespace pulsekit::d2xx {
 
@@ -22,7 +25,10 @@ constexpr char kVendorLibrary[] = "FTD2XX.dll";
 constexpr char kVendorLibrary[] = "libftd2xx.so";
 #endif
 
+constexpr char kOwn[] = "libusb-1.0";
+
 constexpr char kNamedLibrary[] = "PULSEKIT3_BRIDGE_LIBRARY";
+constexpr char kOwnName[] = "libusb";
 constexpr char kFault[] = "FTx232H_LibraryFault";
 
 // Fills the table; remembers the first function that the library lacks.
@@ -89,36 +95,56 @@ FTx232H_D2XX completed(FTx232H_D2XX table) {
 
 // What became of the search for a library. Texts have fixed sizes: searching must not run out of memory.
 struct Search {
+  enum class Found { Nothing, Library, Own };
+
+  void report(const char *name, const char *outcome, const char *detail) {
+    const size_t used = std::strlen(text);
+    std::snprintf(text + used, sizeof text - used, "%s%s%s%s: %s%s\n", name, named ? " (" : "",
+                  named ? kNamedLibrary : "", named ? ")" : "", outcome, detail);
+  }
+
   FTx232H_D2XX table = completed({});
-  char report[2048] = "";
+  Found found = Found::Nothing;
+  bool named = false;
+  char text[2048] = "";
 };
 
-void load(Search &search, const char *file_name, bool named) {
+void load(Search &search, const char *file_name) {
   std::unique_ptr<SharedLibrary> library(new (std::nothrow) SharedLibrary(file_name));
   FTx232H_D2XX table{};
-  const auto report = [&](const char *outcome, const char *detail) {
-    std::snprintf(search.report, sizeof search.report, "%s%s%s%s: %s%s\n", file_name, named ? " (" : "",
-                  named ? kNamedLibrary : "", named ? ")" : "", outcome, detail);
-  };
+  const auto report = [&](const char *outcome, const char *detail) { search.report(file_name, outcome, detail); };
   if (!library || !*library) return report("not loaded: ", library ? library->failure() : "out of memory");
   // The ordinals are the vendor's own.
-  if (const char *missing = resolveAll({*library, !named}, table)) return report("refused: it lacks ", missing);
+  if (const char *missing = resolveAll({*library, !search.named}, table)) return report("refused: it lacks ", missing);
   const auto fault = reinterpret_cast<const char *(*)()>(library->find(kFault));
   if (const char *text = fault ? fault() : nullptr) return report("refused: ", text);
   report("loaded", "");
   search.table = table;
+  search.found = Search::Found::Library;
   // Once loaded, the library stays: a host may close devices while the process ends.
   static const SharedLibrary *kept = nullptr;
   kept = library.release();
   static_cast<void>(kept);
 }
 
-// A library that the user names is the one to use or none: no radar on the desk answers for a simulated one.
+void useOwn(Search &search) {
+  const char *reason = nullptr;
+  const FTx232H_D2XX *table = usb::table(&reason);
+  if (!table && !reason && !search.named) return;
+  if (!table) return search.report(kOwn, "refused: ", reason ? reason : "it is not part of this build");
+  search.report(kOwn, "in use", "");
+  search.table = *table;
+  search.found = Search::Found::Own;
+}
+
+// What the user names is the one to use or none: no radar on the desk answers for a simulated one.
 Search searchLibrary() {
   Search search;
-  const char *named = std::getenv(kNamedLibrary);
-  const bool is_named = named && named[0] != '\0';
-  load(search, is_named ? named : kVendorLibrary, is_named);
+  const char *name = std::getenv(kNamedLibrary);
+  search.named = name && name[0] != '\0';
+  const bool own = search.named && std::strcmp(name, kOwnName) == 0;
+  if (!own) load(search, search.named ? name : kVendorLibrary);
+  if (own || (!search.named && search.found == Search::Found::Nothing)) useOwn(search);
   return search;
 }
 
@@ -156,6 +182,18 @@ extern "C" int32_t FTx232H_SetD2XX(const FTx232H_D2XX *functions) {
 extern "C" int32_t FTx232H_DescribeBridgeLibraries(char *text, int32_t size) {
   using namespace pulsekit;
   if (!text || size <= 0) return kError;
-  const char *report = d2xx::hostTable() ? "table of the host (FTx232H_SetD2XX): in use\n" : d2xx::search().report;
+  const char *report = d2xx::hostTable() ? "table of the host (FTx232H_SetD2XX): in use\n" : d2xx::search().text;
   return std::snprintf(text, static_cast<size_t>(size), "%s", report) < size ? kSuccess : kBufferTooSmall;
+}
+
+extern "C" int32_t FTx232H_DescribePorts(char *text, int32_t size) try {
+  using namespace pulsekit;
+  using Found = d2xx::Search::Found;
+  if (!text || size <= 0) return kError;
+  // Of another library's ports, as simulated ones, the USB knows nothing.
+  const bool elsewhere = d2xx::hostTable() || (d2xx::search().named && d2xx::search().found != Found::Own);
+  const std::string ports = elsewhere ? "" : d2xx::usb::describePorts(d2xx::search().found == Found::Own);
+  return std::snprintf(text, static_cast<size_t>(size), "%s", ports.c_str()) < size ? kSuccess : kBufferTooSmall;
+} catch (const std::bad_alloc &) {
+  return pulsekit::kOutOfMemory;
 }
