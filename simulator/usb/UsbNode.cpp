@@ -42,7 +42,7 @@ void UsbNode::unplug() {
     if (!flight.transfer->ended()) flight.transfer->finish(bench_.clock().nanoseconds(), ESHUTDOWN);
   }
   device_.reset();
-  setWakeup(true);
+  setWakeup(!flights_.empty());
 }
 
 int UsbNode::submit(Owner owner, std::unique_ptr<Transfer> &transfer) {
@@ -111,7 +111,8 @@ std::list<UsbNode::Flight>::iterator UsbNode::next(Owner owner, RealTime::time_p
 UsbNode::RealTime::time_point UsbNode::advance(RealTime::time_point now) {
   constexpr auto kLater = RealTime::time_point::max();
   if (!device_) {
-    setWakeup(true);
+    // Who has collected everything sleeps: libusb would come back at once for ever.
+    setWakeup(!flights_.empty());
     return kLater;
   }
   const uint64_t clock = bench_.clock().nanoseconds();

@@ -189,7 +189,7 @@ FT_STATUS Provider::openFirst(const std::vector<Port> &ports, FT_HANDLE *out) {
 
 FT_STATUS Provider::open(const void *arg, uint32_t flags, FT_HANDLE *out) {
   const std::lock_guard guard(ports_mutex_);
-  std::vector<Port> ports = find();
+  std::vector<Port> ports = ports_.names();
   const bool any = std::any_of(ports.begin(), ports.end(), [&](const Port &port) { return isNamed(port, arg, flags); });
   std::erase_if(ports,
                 [&](const Port &port) { return any ? !isNamed(port, arg, flags) : !isNamedBare(port, arg, flags); });

@@ -99,21 +99,31 @@ std::string lettered(const std::string &text, size_t room, const std::string &le
 
 }  // namespace
 
-int Ports::readTexts(const std::shared_ptr<libusb_device> &device, libusb_device_handle *handle,
-                     const libusb_device_descriptor &descriptor, Texts &texts) {
-  const auto known = std::find_if(known_.begin(), known_.end(), [&](const Texts &one) { return one.device == device; });
+int Ports::readTexts(const Port &port, const libusb_device_descriptor &descriptor, DeviceHandle &handle, Texts &texts) {
+  const auto known =
+      std::find_if(known_.begin(), known_.end(), [&](const Texts &one) { return one.device == port.device; });
   if (known != known_.end()) {
     texts = *known;
     return LIBUSB_SUCCESS;
   }
-  texts.device = device;
-  if (int error = readText(handle, descriptor.iSerialNumber, texts.serial)) return error;
-  if (int error = readText(handle, descriptor.iProduct, texts.description)) return error;
+  int error = LIBUSB_SUCCESS;
+  if (!handle) handle = open(port.device.get(), &error);
+  if (error) return error;
+  texts.device = port.device;
+  if ((error = readText(handle.get(), descriptor.iSerialNumber, texts.serial))) return error;
+  if ((error = readText(handle.get(), descriptor.iProduct, texts.description))) return error;
   known_.push_back(texts);
   return LIBUSB_SUCCESS;
 }
 
 std::vector<Port> Ports::find(const IsOpen &isOpen) {
+  return all(
+      [&](libusb_device_handle *handle, Port &port) { return isOpen(port) ? LIBUSB_SUCCESS : tryPort(handle, port); });
+}
+
+std::vector<Port> Ports::names() { return all(nullptr); }
+
+std::vector<Port> Ports::all(const TryPort &tries) {
   std::vector<Port> ports;
   const DeviceList devices(context_);
   std::erase_if(known_, [&](const Texts &one) {
@@ -132,22 +142,27 @@ std::vector<Port> Ports::find(const IsOpen &isOpen) {
     port.id = uint32_t{kVendor} << 16 | model->product;
 
     int fault = LIBUSB_SUCCESS;
-    const DeviceHandle handle = open(device, &fault);
-    if (fault == LIBUSB_ERROR_NO_DEVICE) continue;
+    DeviceHandle handle;
+    if (tries) handle = open(device, &fault);
     Texts texts;
-    if (!fault) fault = readTexts(port.device, handle.get(), descriptor, texts);
+    if (!fault) fault = readTexts(port, descriptor, handle, texts);
+    if (fault == LIBUSB_ERROR_NO_DEVICE) continue;
     if (fault) texts.serial = serialFromSystem(device);
+    const uint32_t place = uint32_t{libusb_get_bus_number(device)} << 16 | uint32_t{libusb_get_device_address(device)}
+                                                                               << 8;
     for (; port.channel < model->channels; ++port.channel) {
       const std::string letter(port.lettered ? 1 : 0, port.letter());
       port.serial = lettered(texts.serial, sizeof FT_Node::SerialNumber, letter);
       port.description =
           lettered(texts.description, sizeof FT_Node::Description, port.lettered ? ' ' + letter : letter);
-      port.location = uint32_t{libusb_get_bus_number(device)} << 16 | uint32_t{libusb_get_device_address(device)} << 8 |
-                      (port.lettered ? port.channel + 1u : 0u);
-      port.fault = fault ? fault : isOpen(port) ? LIBUSB_SUCCESS : tryPort(handle.get(), port);
+      port.location = place | (port.lettered ? port.channel + 1u : 0u);
+      port.kernel_driver = false;
+      port.fault = fault || !tries ? fault : tries(handle.get(), port);
       ports.push_back(port);
     }
   }
+  // Libusb lists what was plugged in last first.
+  std::sort(ports.begin(), ports.end(), [](const Port &a, const Port &b) { return a.location < b.location; });
   return ports;
 }
 
@@ -219,7 +234,7 @@ std::string describe(const std::vector<Port> &ports, const Ports::IsOpen &isOpen
   for (const Port &port : ports) {
     const State state = stateOf(port, isOpen(port), lets_go);
     text += "usb " + placeOf(port.device.get()) + ' ' + port.letter() + ' ' + ids(port.id) + ' ' +
-            (port.serial.empty() ? "?" : port.serial) + ": " + state.name;
+            (port.serial.size() <= (port.lettered ? 1u : 0u) ? "?" : port.serial) + ": " + state.name;
     if (!state.cause.empty()) text += ": " + state.cause + ": " + state.remedy;
     text += '\n';
   }

@@ -41,17 +41,20 @@ class Ports {
 
   // Whether this process has the port open: it need not be tried then.
   using IsOpen = std::function<bool(const Port &)>;
-  // All ports in the order of the bus. Throws std::bad_alloc.
+  // All ports in the order of the bus; which of them can't be used. Throws std::bad_alloc.
   std::vector<Port> find(const IsOpen &isOpen);
+  // Without looking whether others have them.
+  std::vector<Port> names();
 
  private:
   struct Texts {
     std::shared_ptr<libusb_device> device;
     std::string serial, description;
   };
-  // Reads each bridge once as long as it is plugged in. libusb's error.
-  int readTexts(const std::shared_ptr<libusb_device> &device, libusb_device_handle *handle,
-                const libusb_device_descriptor &descriptor, Texts &texts);
+  using TryPort = std::function<int(libusb_device_handle *handle, Port &port)>;
+  std::vector<Port> all(const TryPort &tryPort);
+  // Each bridge is asked once as long as it is plugged in; opens it where that is still to be done. Libusb's error.
+  int readTexts(const Port &port, const libusb_device_descriptor &descriptor, DeviceHandle &handle, Texts &texts);
 
   libusb_context *context_;
   std::vector<Texts> known_;
