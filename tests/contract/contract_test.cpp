@@ -112,7 +112,7 @@ class Script {
     QTXSim_Reset();
     QTXSim_SetRecording(0);
     if (on_usb) QTXSim_SetTime(QTXSIM_TIME_HOST);
-    QTXSim_AddRadar("FT0001AB", "Radar", QTXSIM_FT2232H, "QTX-K245", "QTX3701");
+    QTXSim_AddRadar("FT0001AB", "Radar", QTXSIM_FT2232H, nullptr, nullptr);
     QTXSim_DrivePin(0, 5, 0);
   }
 

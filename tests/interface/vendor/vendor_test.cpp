@@ -52,9 +52,16 @@ TEST_F(VendorLibrary, Named) {
   EXPECT_EQ(text, start.substr(0, 7));
 }
 
+// The library's own way is next, where the machine that runs this has a USB.
 TEST_F(VendorLibrary, Crippled) {
-  EXPECT_EQ(FTx232H_ListDevices(bridge, list, sizeof list), 259);
-  EXPECT_STREQ(radar->error->message, "FTx232H - Could not create list of connected FT-devices");
+  char text[512];
+  EXPECT_EQ(FTx232H_DescribeBridgeLibraries(text, sizeof text), 0);
+  const std::string report = text;
+  EXPECT_EQ(report.find("libftd2xx.so: refused: it lacks FT_GetDeviceInfoList\n"), 0u) << report;
+  if (report.find("in use") == report.npos) {
+    EXPECT_EQ(FTx232H_ListDevices(bridge, list, sizeof list), 259);
+    EXPECT_STREQ(radar->error->message, "FTx232H - Could not create list of connected FT-devices");
+  }
   EXPECT_EQ(interfaceConnect(bridge, "FTx232H!Serial No: (VENDOR01)"), 260);
   EXPECT_EQ(interfaceListConnectedInterfaces(radar, list, sizeof list), 0);
   EXPECT_STREQ(list, "");
