@@ -148,6 +148,12 @@ void Bench::replug(Device &device) {
   tellWatcher(this);
 }
 
+void Bench::plugAt(Device &device, double seconds, bool plugged) {
+  plugs_.push_back({&device, static_cast<uint64_t>(seconds * 1e9), plugged});
+  const auto earlier = [](const TimedPlug &a, const TimedPlug &b) { return a.nanoseconds < b.nanoseconds; };
+  std::stable_sort(plugs_.begin(), plugs_.end(), earlier);
+}
+
 std::vector<PortName> Bench::ports() {
   std::vector<PortName> list;
   for (auto &device : devices_) {
@@ -235,6 +241,7 @@ void Bench::unplugAtCall(Device &device, uint32_t nth) {
 void Bench::clearFaults() {
   failures_.clear();
   unplugs_.clear();
+  plugs_.clear();
   for (auto &device : devices_) {
     device->shortWrite.cancel();
     device->insertedAnswer.clear();
@@ -260,6 +267,10 @@ void Bench::applyPollPause(Device &device) const {
 }
 
 void Bench::catchUp() {
+  while (!plugs_.empty() && plugs_.front().nanoseconds <= clock_.nanoseconds()) {
+    plugs_.front().plugged ? replug(*plugs_.front().device) : unplug(*plugs_.front().device);
+    plugs_.erase(plugs_.begin());
+  }
   for (auto &device : devices_) {
     for (auto &channel : device->channels) {
       if (channel) channel->runTo(clock_.nanoseconds());

@@ -73,6 +73,8 @@ class Bench {
                     const char *chip);
   void unplug(Device &device);
   void replug(Device &device);
+  // At that time of the clock, as far as somebody calls then.
+  void plugAt(Device &device, double seconds, bool plugged);
   std::vector<PortName> ports();
   FT_HANDLE openPort(Device &device, size_t channel);
 
@@ -122,6 +124,11 @@ class Bench {
     Device *device;
     Countdown countdown;
   };
+  struct TimedPlug {
+    Device *device;
+    uint64_t nanoseconds;
+    bool plugged;
+  };
   using RealTime = std::chrono::steady_clock;
 
   uint64_t spiNanoseconds();
@@ -137,6 +144,7 @@ class Bench {
   uint64_t statisticsStart_ = 0, statisticsSpi_ = 0;
   std::vector<ScheduledFailure> failures_;
   std::vector<ScheduledUnplug> unplugs_;
+  std::vector<TimedPlug> plugs_;
   std::vector<std::unique_ptr<Device>> devices_;
 };
 

@@ -50,6 +50,11 @@ bool isPin(int32_t pin) { return pin >= 0 && pin < 16; }
 
 int32_t setScene(int32_t device, Scene scene) {
   if (sceneFault(scene)) return kRefused;
+  on(device, whole, [&](Device &it) {
+    if (scene.unpluggedAt) bench().plugAt(it, *scene.unpluggedAt, false);
+    if (scene.pluggedAt) bench().plugAt(it, *scene.pluggedAt, true);
+    return kDone;
+  });
   return on(device, chipOf, [&](RadarChip &chip) {
     chip.setScene(std::make_shared<Scene>(std::move(scene)));
     return kDone;

@@ -71,6 +71,9 @@ const char *sceneFault(const Scene &scene) {
   const auto finite = [](double value) { return std::isfinite(value); };
   if (!finite(scene.noise) || scene.noise < 0) return "noise must be 0 or more";
   if (!finite(scene.directCoupling)) return "direct_coupling must be a number";
+  for (const std::optional<double> &time : {scene.unpluggedAt, scene.pluggedAt}) {
+    if (time && !(*time >= 0 && *time < 1e9)) return "unplugged_at and plugged_at must be seconds from 0 to 1e9";
+  }
   for (const Reflector &reflector : scene.reflectors) {
     if (!finite(reflector.range) || reflector.range < 0) return "range must be 0 or more";
     if (!finite(reflector.strength)) return "strength must be a number";

@@ -43,8 +43,9 @@ struct SamplingWindow {
 class Scene {
  public:
   std::vector<Reflector> reflectors;
-  double directCoupling = 0;  // amplitude at zero range, in threshold-DAC codes
-  double noise = 0;           // standard deviation, in threshold-DAC codes
+  double directCoupling = 0;                     // amplitude at zero range, in threshold-DAC codes
+  double noise = 0;                              // standard deviation, in threshold-DAC codes
+  std::optional<double> unpluggedAt, pluggedAt;  // the radar's bridge, seconds of the host's clock
 
   bool still() const;  // nothing moves
 
@@ -57,6 +58,7 @@ Scene defaultScene();
 // A scene written as
 //   noise = 40.0
 //   direct_coupling = 500.0
+//   unplugged_at = 10.0   and   plugged_at = 20.0             # s; both may be left out
 //   [[reflector]]
 //   range = 0.8
 //   strength = 200.0

@@ -100,10 +100,12 @@ Reflector readReflector(const toml::table &table) {
 }
 
 Scene readTable(const toml::table &table) {
-  allowOnly(table, {"noise", "direct_coupling", "reflector"});
+  allowOnly(table, {"noise", "direct_coupling", "unplugged_at", "plugged_at", "reflector"});
   Scene scene;
   scene.noise = numberOr(table, "noise", 0);
   scene.directCoupling = numberOr(table, "direct_coupling", 0);
+  if (table.contains("unplugged_at")) scene.unpluggedAt = numberOf(table, "unplugged_at");
+  if (table.contains("plugged_at")) scene.pluggedAt = numberOf(table, "plugged_at");
   const toml::node *reflectors = table.get("reflector");
   if (!reflectors) return scene;
   if (!reflectors->is_array()) throw SceneError("'reflector' must be written as [[reflector]]", reflectors->source());

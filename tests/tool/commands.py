@@ -102,13 +102,16 @@ ROWS = [
     ('set DACMin=5000', 0, r'DACMin +5000 +3685 codes +5000'),
     ('cdf', 1, r'pulsekit reset DACMin'),
     ('reset', 0, r'DACMin'),
-    ('suggest --range 10m --rate 10', 0, r'(?s)FrameStitch +10 .*PRFDivide +7 '),
+    ('suggest --range 10m --rate 10', 0, r'(?s)FrameStitch +10 .*PRFDivide +8 '),
     ('suggest --range 10m --rate 10 --apply', 0, r'FrameStitch +10 +1 sweep +10 sweeps'),
-    ('geometry', 0, r'(?s)range axis +0.2 m to 10.8\d* m.*unambiguous range +10.49'),
+    ('geometry', 0, r'(?s)range axis +0.2 m to 10.8\d* m.*unambiguous range +11.99'),
     ('suggest --range 100m', 1, r'a frame ends at most'),
+    ('suggest --range 1m --rate 5000', 0, r'(?s)BytesPerCounter +2 .*CounterMSb +15 .*Iterations +\d '),
+    ('suggest --range 1m --rate 20000', 1, r'too fast: reading 1 sweep out'),
     ('calibrate --store 1', 0, r'SamplesPerSecond +36 GHz'),
     ('reset', 0, r'SamplesPerSecond'),
     ('calibrate --load 1', 0, r'SamplesPerSecond +36 GHz'),
+    ('--trace calibrate --load 1', 0, r'^$'),
     ('calibrate --load 2', 1, r'ERROR 0x5'),
     ('calibrate --store 15', 2, r'holds the settings'),
     ('completion', 0, r'(?s)flash read.*complete -o default -F _pulsekit pulsekit'),
@@ -211,11 +214,31 @@ class Commands(unittest.TestCase):
             os.remove(self.path('cut.npy'))
             self.assertEqual([name for name in os.listdir(self.directory.name) if 'cut' in name], [])
 
+        # No block of the flash is left half-written.
+        data = self.noise * 40
+        Path(self.path('long.bin')).write_bytes(data)
+        tool = self.start('flash write 0 long.bin', stderr=subprocess.PIPE)
+        time.sleep(1)
+        tool.send_signal(signal.SIGINT)
+        end = int(re.search('interrupted before 0x(.*)', tool.communicate(timeout=20)[1])[1], 16)
+        self.run_tool(f'flash read 0 {len(data)} -o kept.bin')
+        self.assertEqual(Path(self.path('kept.bin')).read_bytes(), data[:end] + b'\xff' * (len(data) - end))
+
+    def test_watched_list(self):
+        Path(self.path('plug.toml')).write_text('unplugged_at = 1.0\nplugged_at = 1.5\n')
+        self.environment['PULSEKIT3_SCENE'] = self.path('plug.toml')
+        tool = self.start('--json list --watch', stdout=subprocess.PIPE)
+        self.addCleanup(tool.kill)
+        self.addCleanup(tool.stdout.close)
+        self.assertEqual([json.loads(tool.stdout.readline())['change'] for _ in range(3)], ['attached', 'removed', 'arrived'])
+        tool.send_signal(signal.SIGINT)
+        self.assertEqual(tool.wait(20), 0)
+
     def test_terminal(self):
         """Progress with the time that is left, live pictures, colours: on a terminal only."""
         for command, pattern in (('capture -n 50 --rate 25 -o slow.npy', r'capturing \[#+\.*\] \d+ %, \d+ of 50, \d+ s left'),
                                  ('watch -n 5', r'(?s)\x1b\[H.*Radar SIM00001, 5 frames.*[\u2801-\u28ff].*\x1b\[\?25h'),
-                                 ('list', r'\x1b\[1m +serial'), ('capture', r'A frame of SIM00001')):
+                                 ('set ZoomMin=40 ZoomMax=60', 'ZoomMin'), ('cdf', r'measuring \[#*\.+\] \d+ %, \d+ s left'), ('list', r'\x1b\[1m +serial'), ('capture', r'A frame of SIM00001')):
             with self.subTest(command):
                 main, side = pty.openpty()
                 tool = self.start(command, stdin=side, stdout=side, stderr=side)

@@ -19,8 +19,15 @@ struct Asked {
   std::string name, asked, text;  ///< as the user and as the library writes the value
 };
 
-void reportChanges(const Options &options, const Radar &radar, const std::vector<Variable> &before,
-                   const std::vector<Asked> &asked);
+struct Moved {
+  Variable now;
+  uint64_t before;
+};
+/// What holds something else than then, or follows its automatic value where it did not, or the other way round.
+std::vector<Moved> movedSince(const Radar &radar, const std::vector<Variable> &before);
+
+void reportChanges(const Options &options, const Radar &radar, const std::vector<Moved> &moved,
+                   const std::vector<Asked> &asked = {});
 
 /// Sets them, keeps them for the commands that follow, and reports.
 void change(const Options &options, const Radar &radar, const std::vector<Asked> &asked);

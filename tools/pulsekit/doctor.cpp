@@ -1,8 +1,8 @@
 // doctor: what keeps radars from working, and what to do about it.
 #include <algorithm>
 
-#include "Pulsekit3_settings.h"
 #include "commands.h"
+#include "geometry.h"
 #include "number.h"
 #include "output.h"
 
@@ -125,14 +125,12 @@ void testFrame(const Radar &radar, Findings &findings) {
 
 // The library's lines: "<name>: <what is wrong>: <remedy>".
 void testSettings(const Radar &radar, Findings &findings) {
-  char text[8192] = "";
-  int32_t count = 0;
-  radar.check(QTX_CheckSettings(radar, text, sizeof text, &count));
-  for (const std::string &line : split(text, '\n')) {
+  const Strings wrong = tool::findings(radar);
+  for (const std::string &line : wrong) {
     const size_t last = line.rfind(": ");
-    if (last != std::string::npos) findings.bad("settings", line.substr(0, last), line.substr(last + 2));
+    findings.bad("settings", line.substr(0, last), line.substr(last + 2));
   }
-  if (count == 0) findings.good("settings", "can give a good frame");
+  if (wrong.empty()) findings.good("settings", "can give a good frame");
 }
 
 void testRadar(const Options &options, const Attached &attached, Findings &findings) {

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <numbers>
 
-#include "Pulsekit3_settings.h"
 #include "number.h"
 
 namespace tool {
@@ -27,21 +26,51 @@ Timing sweepTiming(const Radar &radar) {
 }
 
 Geometry frameGeometry(const Radar &radar) {
-  QTX_FrameGeometry frame{};
-  frame.size = sizeof frame;
-  radar.check(QTX_GetFrameGeometry(radar, &frame));
-  return {frame.samplers, frame.first_time, frame.time_step, frame.first_range, frame.range_step};
+  Geometry geometry{};
+  geometry.size = sizeof(QTX_FrameGeometry);
+  radar.check(QTX_GetFrameGeometry(radar, &geometry));
+  return geometry;
+}
+
+Strings findings(const Radar &radar) {
+  const auto read = [&](char *text, int32_t size) {
+    int32_t count = 0;
+    return QTX_CheckSettings(radar, text, size, &count);
+  };
+  Strings lines = split(radar.handle().text(read), '\n');
+  std::erase(lines, "");
+  return lines;
+}
+
+double spiClock(const Radar &radar) {
+  return parseNumber(radar.variable("SPIClockFrequency").text(), "Hz", "SPIClockFrequency");
 }
 
 double readOut(const Radar &radar) {
   const double sweeps = std::max(1.0, radar.number("FrameStitch"));
-  const double clock = parseNumber(radar.variable("SPIClockFrequency").text(), "Hz", "SPIClockFrequency");
-  return 8 * radar.number("BytesPerFrame") / sweeps / clock;
+  return 8 * radar.number("BytesPerFrame") / sweeps / spiClock(radar);
 }
 
-double expectedNoise(const Timing &timing, double step, double comparison) {
-  const double hits = timing.iterations * timing.pulses;
-  return hits > 0 ? std::sqrt(comparison * step / (std::sqrt(std::numbers::pi) * hits)) / 81.92 : 0;
+double calibrationSeconds(const Radar &radar) {
+  constexpr double kMedium = 63, kFine = 64, kCoarseInAPeriod = 16, kLines = 5, kAutomaticCycles = 10e6;
+  const Variable cycles = radar.variable("SWMeasTargetCycles");
+  const double coarse =
+      radar.whole("FrameOffsetUseDelayedClock") ? kCoarseInAPeriod : radar.number("CoarseTuneMeasureMax");
+  const double measurements = kMedium + coarse + kLines + (radar.whole("SDFTEnable") ? kFine : 0);
+  const double clock = sweepTiming(radar).clock;
+  return clock > 0 ? measurements * (cycles.automatic ? kAutomaticCycles : radar.number(cycles.name)) / clock : 0;
+}
+
+double cdfSeconds(const Radar &radar, uint32_t lines) {
+  constexpr double kTransfers = 7.4e-3;  // of USB for each threshold, as measured
+  Timing timing = sweepTiming(radar);
+  timing.per_iteration /= timing.steps;
+  timing.steps = 1;
+  return lines * radar.number("CDF_SpreadingFactor") * (timing.sweep() + readOut(radar) + kTransfers);
+}
+
+double expectedNoise(double pulses, double step, double comparison) {
+  return pulses > 0 ? std::sqrt(comparison * step / (std::sqrt(std::numbers::pi) * pulses)) / 81.92 : 0;
 }
 
 }  // namespace tool

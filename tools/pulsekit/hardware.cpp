@@ -55,13 +55,14 @@ std::string readFlash(const Radar &radar, uint64_t address, uint64_t length) {
   for (uint64_t block = first; block < end; block += kBlock) {
     content += readBlock(radar, block);
     progress.reached((block - first) / kBlock + 1);
-    if (interrupted()) throw Failure("interrupted", "nothing was written; start it again");
+    if (interrupted() && block + kBlock < end) throw Failure("interrupted", "nothing was written; start it again");
   }
   return content.substr(address - first, length);
 }
 
 // What the block held before goes back where the new content does not stay.
 void writeBlock(const Radar &radar, uint64_t address, const std::string &old_content, const std::string &content) {
+  const Uninterrupted whole_block;
   const auto write = [&](const std::string &bytes) {
     return QTX_ModuleWriteFlashMemory(radar, static_cast<uint32_t>(address), bytesOf(bytes), kBlock);
   };
@@ -88,7 +89,8 @@ size_t writeFlash(const Radar &radar, uint64_t address, const std::string &conte
       ++written;
     }
     progress.reached((block - first) / kBlock + 1);
-    if (interrupted()) throw Failure(cat("interrupted before 0x", hex(to, 6)), "start it again to write the rest");
+    if (interrupted() && to < end)
+      throw Failure(cat("interrupted before 0x", hex(to, 6)), "start it again to write the rest");
   }
   return written;
 }
@@ -194,16 +196,19 @@ void boardProgram(const Options &options, const std::string &name, const std::st
     throw Failure(cat("this board was programmed before: ", boardText(old_content)),
                   "its information can't be changed any more; pulsekit board show tells all of it");
   }
-  if (wanted == old_content) return note("The board has this information already.");
-  if (!sure) {
+  const bool there = wanted == old_content;
+  if (!there && !sure) {
     throw Usage(cat("name \"", name, "\", id \"", id, "\": programming can't be undone"), "add --yes if this is right");
   }
-  radar.check(QTX_ModuleProgramBoardInfo(radar, bytesOf(wanted), kBoardInformation));
+  if (!there) {
+    const Uninterrupted whole_area;
+    radar.check(QTX_ModuleProgramBoardInfo(radar, bytesOf(wanted), kBoardInformation));
+  }
   if (boardInformation(radar) != wanted) {
     throw Failure("the board information reads back differently", "see pulsekit board show for what it holds now");
   }
   if (options.json) return printJson({{"name", name}, {"id", id}, {"verified", true}});
-  printLine(cat("name \"", name, "\", id \"", id, "\" programmed, verified"));
+  printLine(cat("name \"", name, "\", id \"", id, there ? "\" was there already" : "\" programmed, verified"));
 }
 
 struct RegisterRequest {

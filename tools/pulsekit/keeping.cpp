@@ -134,7 +134,7 @@ void load(const Options &options, const std::string &path, bool force) {
     throw Failure(cat("after loading ", path, " these hold something else: ", join(different, ", ")),
                   "pulsekit settings NAME tells what each follows");
   }
-  reportChanges(options, radar, before, {});
+  reportChanges(options, radar, movedSince(radar, before));
 }
 
 void printDifferences(const Options &options, const Strings &headings, const std::vector<Strings> &rows) {
@@ -189,30 +189,36 @@ uint64_t wordAt(const std::string &bytes, size_t index) {
   return word;
 }
 
-// The record holds a word for each variable of the board, then of the chip, in the order of the list.
-void verifyRecord(const Radar &radar) {
+// What holds something else than the record in the flash. The record has a word for each variable of the board, then of
+// the chip, in the order of the list.
+Strings differentFromRecord(const Radar &radar) {
   std::vector<Variable> variables = radar.variables({});
   std::erase_if(variables, [](const Variable &variable) { return std::string_view(variable.layer) == "bridge"; });
   std::string record((variables.size() + 3) * 8, '\0');
   radar.check(QTX_ModuleReadFlashMemory(radar, static_cast<uint32_t>(radar.whole("AddressOfVariableStorage")),
                                         reinterpret_cast<uint8_t *>(record.data()),
                                         static_cast<int32_t>(record.size())));
+  Strings different;
   for (size_t i = 0; i < variables.size(); ++i) {
     const Variable &variable = variables[i];
     if (!variable.writable) continue;
     uint64_t held = 0;
     radar.check(QTX_VarGetValue_ByName(radar, variable.name.c_str(), &held));
-    if (wordAt(record, i + 2) != (variable.automatic ? kAutomaticWord : held)) {
-      throw Failure(cat("the flash holds something else for ", variable.name),
-                    "store again; if it stays so, the flash is worn");
-    }
+    if (wordAt(record, i + 2) != (variable.automatic ? kAutomaticWord : held)) different.push_back(variable.name);
   }
+  return different;
 }
 
 void store(const Options &options) {
   const Radar radar(options);
-  radar.check(QTX_VarsSaveToFlash(radar));
-  verifyRecord(radar);
+  {
+    const Uninterrupted whole_block;
+    radar.check(QTX_VarsSaveToFlash(radar));
+  }
+  if (const Strings different = differentFromRecord(radar); !different.empty()) {
+    throw Failure(cat("the flash holds something else for ", join(different, ", ")),
+                  "store again; if it stays so, the flash is worn");
+  }
   if (options.json) return printJson({{"address", radar.whole("AddressOfVariableStorage")}, {"verified", true}});
   note(cat("Settings stored in the flash of ", radar.attached().serial, ", verified"));
 }
@@ -222,8 +228,13 @@ void restore(const Options &options) {
   startAnewIfOff(radar);
   const std::vector<Variable> before = snapshot(radar);
   radar.check(QTX_VarsLoadFromFlash(radar));
+  const Strings different = differentFromRecord(radar);
   keepSession(radar);
-  reportChanges(options, radar, before, {});
+  if (!different.empty()) {
+    throw Failure(cat("these hold something else than the flash: ", join(different, ", ")),
+                  "pulsekit settings NAME tells what each follows");
+  }
+  reportChanges(options, radar, movedSince(radar, before));
 }
 
 }  // namespace

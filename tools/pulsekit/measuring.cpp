@@ -75,6 +75,11 @@ class Frames {
   std::vector<uint32_t> counters_;
 };
 
+// Frames are taken all the same: whoever set it so may want to see them.
+void warnOfSettings(const Radar &radar) {
+  for (const std::string &finding : findings(radar)) note(cat("warning: ", finding));
+}
+
 struct CaptureRequest {
   std::string count = "1", rate = "0", output;
   Strings plots;  // "" is the terminal
@@ -203,6 +208,7 @@ void capture(const Options &options, CaptureRequest request) {
   }
   const Radar radar(options);
   const Geometry geometry = frameGeometry(radar);
+  warnOfSettings(radar);
   Sink sink(options, radar, geometry, request);
   std::exception_ptr ended;
   std::string done;
@@ -261,7 +267,7 @@ void cdf(const Options &options, std::string output, Strings plots) {
     throw Failure(cat("a table of ", width, " x ", lines, " is too long"), "set DACStep higher");
   std::vector<uint32_t> table(size_t{width} * lines);
   {
-    const Progress progress("measuring", 0);
+    const auto progress = Progress::expecting("measuring", cdfSeconds(radar, lines));
     radar.check(QTX_GetCDF(radar, table.data(), static_cast<int32_t>(table.size())));
   }
   const auto threshold = [&](size_t line) { return least + line * step; };

@@ -103,7 +103,9 @@ void Table::print() const {
     text.erase(text.find_last_not_of(' ') + 1);
     printLine(styled(text, style));
   };
-  line(headings_, Style::Bold);
+  const bool headed =
+      std::any_of(headings_.begin(), headings_.end(), [](const std::string &heading) { return !heading.empty(); });
+  if (headed) line(headings_, Style::Bold);
   for (const Row &row : rows_) line(row.cells, row.style);
 }
 

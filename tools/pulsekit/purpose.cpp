@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <optional>
 
-#include "Pulsekit3_settings.h"
 #include "changes.h"
 #include "commands.h"
 #include "geometry.h"
@@ -23,11 +23,10 @@ void geometry(const Options &options, const std::string &comparison_text) {
   const double comparison = parseNumber(comparison_text, "codes", "--comparison");
   const Radar radar(options);
   const Geometry frame = frameGeometry(radar);
-  const Timing timing = sweepTiming(radar);
-  const double sweeps = radar.number("FrameStitch"), read = readOut(radar), sweep = timing.sweep();
-  const double pulse_rate = timing.clock / std::max(1.0, radar.number("PRFDivide"));
-  const double unambiguous = pulse_rate > 0 ? kHalfSpeedOfLight / pulse_rate : 0;
-  const double noise = expectedNoise(timing, radar.number("DACStepFine"), comparison);
+  const double sweeps = std::max(1.0, radar.number("FrameStitch")), sweep = frame.sweep_time / sweeps;
+  const double read = readOut(radar), streamed = sweeps * std::max(sweep, read);
+  const double pulses = radar.number("Iterations") * radar.number("PulsesPerStep");
+  const double noise = expectedNoise(pulses, radar.number("DACStepFine"), comparison);
   const double last = frame.range(std::max<size_t>(frame.samplers, 1) - 1);
   if (options.json) {
     return printJson({{"samplers", frame.samplers},
@@ -38,9 +37,10 @@ void geometry(const Options &options, const std::string &comparison_text) {
                       {"range_step", frame.range_step},
                       {"sweep_time", sweep},
                       {"read_out_time", read},
-                      {"streamed_frame_time", sweeps * std::max(sweep, read)},
-                      {"pulse_rate", pulse_rate},
-                      {"unambiguous_range", unambiguous},
+                      {"frame_time", frame.frame_time},
+                      {"streamed_frame_time", streamed},
+                      {"pulse_rate", frame.pulse_rate},
+                      {"unambiguous_range", frame.unambiguous_range},
                       {"noise", noise}});
   }
   Table table({"", "", ""});
@@ -50,10 +50,11 @@ void geometry(const Options &options, const std::string &comparison_text) {
              cat(quantity(frame.time_step, "s"), " apart")});
   table.add({"sweep", quantity(sweep, "s"), cat(sweeps == 1 ? "one" : numberText(sweeps), " for each frame")});
   table.add({"read-out", quantity(read, "s"), "of each sweep, on the SPI bus"});
-  table.add({"frame", quantity(sweeps * std::max(sweep, read), "s"), "streamed, where read-out and sweep overlap"});
-  table.add({"pulse rate", quantity(pulse_rate, "Hz"), ""});
-  table.add({"unambiguous range", quantity(unambiguous, "m"),
-             last > unambiguous ? "less than the frame: raise PRFDivide" : ""});
+  table.add({"frame", quantity(frame.frame_time, "s"), "as a single capture"});
+  table.add({"", quantity(streamed, "s"), "streamed, where read-out and sweep overlap"});
+  table.add({"pulse rate", quantity(frame.pulse_rate, "Hz"), ""});
+  table.add({"unambiguous range", quantity(frame.unambiguous_range, "m"),
+             last > frame.unambiguous_range ? "less than the frame: raise PRFDivide" : ""});
   table.add(
       {"noise expected", quantity(noise, "%", 3), cat("where one comparison has ", quantity(comparison, "codes"))});
   table.print();
@@ -80,13 +81,29 @@ std::vector<Suggestion> suggestions(const Radar &radar, double range, double rat
                     cat("windows of ", quantity(window, "m", 3), " from ", quantity(start, "m", 3), " on")});
   Timing timing = sweepTiming(radar);
   if (timing.clock <= 0) throw Failure("the clock is off", "pulsekit reset MClkEnable");
-  const double divide = std::max(1.0, std::ceil(range * timing.clock / kHalfSpeedOfLight - 1e-9));
+  const double end = std::max(range, start + sweeps * window);
+  const double divide = std::max(1.0, std::ceil(end * timing.clock / kHalfSpeedOfLight - 1e-9));
   if (divide > kMostDivide) throw Failure("pulses can't be that far apart", "ask for less range");
   timing.divide = divide;
   result.push_back({"PRFDivide", whole(divide),
                     cat("echoes are unambiguous up to ", quantity(kHalfSpeedOfLight * divide / timing.clock, "m", 3))});
   const double budget = kShare / (rate * sweeps);
-  if (readOut(radar) > budget) result.push_back({"SPIClockFrequency", "30MHz", "reads counters out fastest"});
+  double read = readOut(radar), most = 4294967295.0;
+  if (read > budget) {
+    result.push_back({"SPIClockFrequency", "30MHz", "reads counters out fastest"});
+    read *= spiClock(radar) / 30e6;
+  }
+  if (read > budget) {
+    result.push_back({"BytesPerCounter", "2", "half of the bytes take half of the time"});
+    result.push_back({"CounterMSb", "15", "the bits of two bytes"});
+    read *= 2 / radar.number("BytesPerCounter");
+    most = 65535;
+  }
+  if (read > budget) {
+    throw Failure(cat(quantity(rate, "Hz"), " is too fast: reading ", counted(static_cast<size_t>(sweeps), "sweep"),
+                      " out takes ", quantity(sweeps * read, "s", 3)),
+                  "ask for a lower rate, or set Downsampling");
+  }
   const auto fits = [&] { return std::floor((budget * timing.clock - timing.per_sweep) / timing.iteration()); };
   if (fits() < 1) {
     const double all_steps = timing.steps;
@@ -104,8 +121,8 @@ std::vector<Suggestion> suggestions(const Radar &radar, double range, double rat
     result.push_back({"PulsesPerStep", whole(timing.pulses), "all that the time allows"});
   }
   const double counts = timing.steps * timing.pulses;
-  timing.iterations = std::clamp(std::min(fits(), std::floor(4294967295.0 / counts)), 1.0, kMostIterations);
-  const double noise = expectedNoise(timing, radar.number("DACStepFine"), 40);
+  timing.iterations = std::clamp(std::min(fits(), std::floor(most / counts)), 1.0, kMostIterations);
+  const double noise = expectedNoise(timing.pulsesAtEachStep(), radar.number("DACStepFine"), 40);
   result.push_back({"Iterations", whole(timing.iterations),
                     cat("sweeps of ", quantity(timing.sweep(), "s", 3), ", noise of some ", quantity(noise, "%", 2))});
   return result;
@@ -129,12 +146,6 @@ void suggest(const Options &options, const std::string &range_text, const std::s
   if (options.json) return printJson(json);
   table.print();
   note(cat("To apply: pulsekit set ", join(assignments, " "), "   (or --apply)"));
-}
-
-// Where the window stands follows from the measured elements: it is placed anew.
-void placeWindow(const Radar &radar) {
-  const Variable delay = radar.variable("SampleDelay");
-  radar.check(QTX_VarSetValue_ByString(radar, "SampleDelay", delay.automatic ? "auto" : delay.text().c_str()));
 }
 
 Plot stepsPlot(const Radar &radar) {
@@ -169,6 +180,38 @@ std::vector<double> results(const Radar &radar) {
   return values;
 }
 
+void storeResults(const Radar &radar, uint32_t block) {
+  const std::vector<double> measured = results(radar);
+  {
+    const Uninterrupted whole_block;
+    radar.check(QTX_TimingMeasurementSaveDataToFlash(radar, block));
+  }
+  radar.check(loadCalibration(radar, block));
+  if (results(radar) != measured)
+    throw Failure("the calibration reads back differently from the flash", "store it again, or in another block");
+}
+
+// What was measured and what follows from it; a calibration leaves the measurement's own settings changed, too.
+void reportCalibration(const Options &options, const Radar &radar, std::vector<Moved> moved) {
+  if (options.json) return reportChanges(options, radar, moved);
+  static constexpr std::string_view kOfInterest[] = {"SamplesPerSecond",
+                                                     "FrameSize",
+                                                     "DelayCoarseTune",
+                                                     "DelayMediumTune",
+                                                     "DelayFineTune",
+                                                     "SampleDelay",
+                                                     "SDCT",
+                                                     "SDMT",
+                                                     "SDFT"};
+  const size_t all = moved.size();
+  std::erase_if(moved, [](const Moved &one) {
+    return std::find(std::begin(kOfInterest), std::end(kOfInterest), one.now.name) == std::end(kOfInterest);
+  });
+  reportChanges(options, radar, moved);
+  if (moved.size() < all)
+    note(cat(all - moved.size(), " settings of the measurement itself moved too; --json has them."));
+}
+
 struct CalibrationRequest {
   std::string store, load;
   Strings plots;
@@ -183,24 +226,19 @@ void calibrate(const Options &options, const CalibrationRequest &request) {
       block_text.empty() ? 0 : blockNumber(radar, block_text, request.store.empty() ? "--load" : "--store");
   const std::vector<Variable> before = snapshot(radar);
   if (!request.load.empty()) {
-    radar.check(QTX_TimingMeasurementLoadDataFromFlash(radar, block));
+    radar.check(loadCalibration(radar, block));
   } else {
-    const Progress progress("calibrating", 0);
+    const auto progress = Progress::expecting("calibrating", calibrationSeconds(radar));
     radar.check(QTX_Calibrate(radar, -1));
   }
   placeWindow(radar);
-  if (!request.store.empty()) {
-    const std::vector<double> measured = results(radar);
-    radar.check(QTX_TimingMeasurementSaveDataToFlash(radar, block));
-    radar.check(QTX_TimingMeasurementLoadDataFromFlash(radar, block));
-    if (results(radar) != measured)
-      throw Failure("the calibration reads back differently from the flash", "store it again, or in another block");
-  }
-  keepSession(radar);
+  if (!request.store.empty()) storeResults(radar, block);
+  keepCalibration(radar, block_text.empty() ? std::optional<uint32_t>() : block);
   const Strings files = showPlots(stepsPlot(radar), request.plots);
-  reportChanges(options, radar, before, {});
+  reportCalibration(options, radar, movedSince(radar, before));
   for (const std::string &file : files) note(file);
   if (!request.store.empty()) note(cat("Stored in flash block ", block, ", verified"));
+  if (block_text.empty()) note("The commands that follow know the means; --store BLOCK keeps every element for them.");
 }
 
 }  // namespace

@@ -24,9 +24,32 @@ constexpr const char *kGeneralRemedy =
     "pulsekit doctor checks radar and settings; --trace shows the way of the failure";
 constexpr const char *kUnknown = "Unknown";
 
+// The library's advice is for those who program; at a terminal there are commands.
+constexpr std::pair<std::string_view, std::string_view> kCommandFor[] = {
+    {"QTX_ListVariables", "pulsekit settings"},
+    {"QTX_ListActions", "pulsekit action"},
+    {"QTX_ListRadarModules", "pulsekit list"},
+    {"QTX_OpenRadar", "--radar"},
+    {"QTX_PowerOnRadar", "pulsekit reset RadarModulePower"},
+    {"QTX_CheckSettings", "pulsekit doctor"},
+    {"QTX_GetFrameGeometry", "pulsekit geometry"},
+    {"QTX_ModuleReadBoardInfo", "pulsekit board show"},
+    {"QTX_Calibrate", "pulsekit calibrate --store"},
+    {"QTX_VarsSaveToFlash", "pulsekit store"},
+};
+
 std::atomic<bool> interrupt_requested = false;
 std::mutex open_handle_guard;
 QTX_Handle *open_handle = nullptr;
+int uninterrupted = 0;
+
+std::string withCommands(std::string advice) {
+  for (const auto &[function, command] : kCommandFor) {
+    for (size_t at = 0; (at = advice.find(function, at)) != std::string::npos; at += command.size())
+      advice.replace(at, function.size(), command);
+  }
+  return advice;
+}
 
 Attached parse(const std::string &connection) {
   Strings fields = split(connection, QTX_ConnectionStringDelimiter1());
@@ -116,7 +139,17 @@ bool interrupted() { return interrupt_requested; }
 void interrupt() {
   interrupt_requested = true;
   const std::lock_guard lock(open_handle_guard);
-  if (open_handle) QTX_Cancel(open_handle);
+  if (open_handle && uninterrupted == 0) QTX_Cancel(open_handle);
+}
+
+Uninterrupted::Uninterrupted() {
+  const std::lock_guard lock(open_handle_guard);
+  ++uninterrupted;
+}
+
+Uninterrupted::~Uninterrupted() {
+  const std::lock_guard lock(open_handle_guard);
+  --uninterrupted;
 }
 
 Failure failure(QTX_Handle *handle, int32_t code) {
@@ -131,7 +164,7 @@ Failure failure(QTX_Handle *handle, int32_t code) {
   if (description.ends_with(" -")) description.resize(description.size() - 2);
   char advice[1024] = "";
   QTX_GetErrorAdvice(handle, advice, sizeof advice);
-  return Failure(printable(description), *advice ? advice : kGeneralRemedy, trace);
+  return Failure(printable(description), *advice ? withCommands(advice) : kGeneralRemedy, trace);
 }
 
 Strings bridgeLibraries() {
@@ -239,9 +272,7 @@ std::string Variable::pretty(uint64_t word) const {
   if (isFloat()) return quantity(std::bit_cast<double>(word), unit());
   if (isEnum() || *unit() == '\0') return text(word);
   if (std::string_view(unit()) == "Hz") return quantity(static_cast<double>(word), "Hz", 9);
-  std::string_view counted_unit = unit();
-  if (word == 1 && counted_unit.ends_with('s')) counted_unit.remove_suffix(1);
-  return cat(word, ' ', counted_unit);
+  return cat(word, ' ', word == 1 ? singular(unit()) : unit());
 }
 
 std::string Variable::range() const {

@@ -24,6 +24,15 @@ struct Options {
 /// True after Ctrl-C.
 bool interrupted();
 
+/// While one lives, Ctrl-C has to wait: what it would cut short could not be put back.
+class Uninterrupted {
+ public:
+  Uninterrupted();
+  ~Uninterrupted();
+  Uninterrupted(const Uninterrupted &) = delete;
+  Uninterrupted &operator=(const Uninterrupted &) = delete;
+};
+
 /// What the library tells about a failed call.
 Failure failure(QTX_Handle *handle, int32_t code);
 

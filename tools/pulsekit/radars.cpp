@@ -30,6 +30,7 @@ void announce(const Options &options, const char *change, const Attached &radar)
 void watchList(const Options &options) {
   const Handle handle(options);
   std::vector<Attached> known;
+  const char *arrival = "attached";
   const auto holds = [](const std::vector<Attached> &radars, const Attached &radar) {
     return std::any_of(radars.begin(), radars.end(),
                        [&](const Attached &r) { return r.connection == radar.connection; });
@@ -40,12 +41,13 @@ void watchList(const Options &options) {
   while (!interrupted()) {
     const std::vector<Attached> radars = attachedRadars(handle);
     for (const Attached &radar : radars) {
-      if (!holds(known, radar)) announce(options, known.empty() ? "attached" : "arrived", radar);
+      if (!holds(known, radar)) announce(options, arrival, radar);
     }
     for (const Attached &radar : known) {
       if (!holds(radars, radar)) announce(options, "removed", radar);
     }
     known = radars;
+    arrival = "arrived";
     const int32_t code = QTX_WaitForRadarChange(handle, -1);
     if (!interrupted()) handle.check(code);
   }

@@ -4,6 +4,7 @@
 
 #include "changes.h"
 #include "commands.h"
+#include "geometry.h"
 #include "output.h"
 #include "session.h"
 
@@ -154,16 +155,19 @@ void reset(const Options &options, const Strings &wanted) {
     radar.check(QTX_VarSetValue_ByString(radar, variable.name.c_str(), "auto"));
   }
   keepSession(radar);
-  reportChanges(options, radar, before, {});
+  reportChanges(options, radar, movedSince(radar, before));
 }
 
 void action(const Options &options, const std::string &name) {
   const Radar radar(options, Need::Bridge);
   if (!name.empty()) {
     const std::vector<Variable> before = snapshot(radar);
-    radar.check(QTX_ExecuteAction_ByName(radar, name.c_str()));
+    {
+      const auto progress = Progress::expecting(name, name == "MeasureAll" ? calibrationSeconds(radar) : 0);
+      radar.check(QTX_ExecuteAction_ByName(radar, name.c_str()));
+    }
     keepSession(radar);
-    return reportChanges(options, radar, before, {});
+    return reportChanges(options, radar, movedSince(radar, before));
   }
   Json json = Json::array();
   Table table({"action", "level", "meaning"});

@@ -75,6 +75,11 @@ std::string trim(std::string_view text) {
   return std::string(text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1));
 }
 
+std::string singular(std::string_view unit) {
+  if (unit.ends_with('s')) unit.remove_suffix(unit.ends_with("sses") ? 2 : 1);
+  return std::string(unit);
+}
+
 std::string counted(size_t count, std::string_view noun) { return cat(count, ' ', noun, count == 1 ? "" : "s"); }
 
 bool matches(std::string_view text, std::string_view pattern) {

@@ -32,6 +32,9 @@ std::string join(const Strings &parts, std::string_view between);
 std::string lower(std::string_view text);
 std::string trim(std::string_view text);
 
+/// The unit of one: "pulse" of "pulses", "pass" of "passes".
+std::string singular(std::string_view unit);
+
 /// "1 frame", "2 frames".
 std::string counted(size_t count, std::string_view noun);
 
