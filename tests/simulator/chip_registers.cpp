@@ -1,6 +1,7 @@
 // The chip's bus protocol and register file, seen from the bus.
 #include <random>
 
+#include "chip/RegisterFile.h"
 #include "chip_bus.h"
 #include "transcript.h"
 
@@ -51,6 +52,9 @@ TEST_F(ChipRegisters, OverTheBus) {
     return bus.read(0x3B, 4);
   };
   DO(bus.chip->setChipId(0x1234), stick(0x0F, 0x05), bus.transfer({2, 2}, 2), stick(0, 0));
+  say("what is withdrawn waits for nothing");
+  RegisterFile file(Generation::second);
+  DO(file.setLater(0x47, 1, 1, 900, 0), file.updatesToCome(), file.set(0x47, 1, 0, 0), file.updatesToCome());
   say("the first generation sends the most significant byte first");
   ChipBus first("QTX3400");
   DO(first.transfer({0xC0, 4, 0x00, 0x12, 0x34, 0x56}, 0), first.chip->registerValue(0x40),

@@ -37,6 +37,10 @@ TEST_F(Wire, ExchangesCostTransfersAndClock) {
      write(Bytes(4097, 0x85)));
   say("a slow answer comes one by one");
   DO(exchange({0x8B, 0x86, 0xFF, 0xFF, 0x20, 3, 0, 0x87, 0x8A, 0x86, 0, 0}, 4));
+  say("a long answer arrives while the host looks");
+  write(readCommand(65536));
+  for (uint32_t count = 0; count < 65536; count = queued()) DO(queued());
+  EXPECT_EQ(read(65536), content);
   say("full packets end nothing, the latency timer does");
   DO(whole(4096, 510, false));
   for (uint8_t latency : Bytes{2, 16, 255}) DO(d2xx().SetLatencyTimer(handle, latency), exchange({0x81}, 1));
