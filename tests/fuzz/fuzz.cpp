@@ -13,8 +13,10 @@
 #include <string_view>
 #include <vector>
 
-#include "Pulsekit3.h"
 #include "Pulsekit3Simulator.h"
+#include "Pulsekit3_control.h"
+#include "Pulsekit3_settings.h"
+#include "Pulsekit3_stream.h"
 
 namespace {
 
@@ -211,11 +213,35 @@ void scene(Input input) {
   for (const double level : levels) require(std::isfinite(level), "levels are numbers");
 }
 
+// Settings one by one and in groups, sweeps and streams in any order; each wait ends soon.
+void stream(Input input) {
+  QTX_Handle *handle = radar().handle;
+  require(QTX_SetWaitLimit(handle, 20) == 0, "waits are limited");
+  std::vector<double> frames(1 << 16);
+  while (!input.rest.empty()) {
+    const auto step = input.take<uint8_t>();
+    const auto number = input.take<uint16_t>();
+    const QTX_StreamOptions options = {sizeof options, step / 4u % 4, double(number % 256), number / 256u};
+    static const std::vector<std::string> known = radar().names;
+    const std::string name = known[number % known.size()], value = step & 1 ? input.line() : "auto";
+    const char *const names[] = {name.c_str(), "PulsesPerStep"}, *const values[] = {value.c_str(), "7"};
+    uint32_t count = 0;
+    if (step % 4 == 0) describe(handle, QTX_StreamStart(handle, number % 3 ? nullptr : &options));
+    if (step % 4 == 1) describe(handle, QTX_VarsSetMany(handle, names, values, 1 + step / 128, nullptr, &count));
+    if (step % 4 == 2)
+      describe(handle, QTX_StreamRead(handle, frames.data(), number, nullptr, step, &count, step % 20));
+    if (step % 8 == 3) describe(handle, QTX_ExecuteAction_ByName(handle, "StartSweep"));
+    if (step % 8 == 7) require(QTX_StreamStop(handle) == 0, "a stream can always be stopped");
+  }
+  require(QTX_StreamStop(handle) == 0 && QTX_PowerOnRadar(handle) == 0, "a radar can always be started anew");
+}
+
 constexpr struct {
   const char *name;
   void (*run)(Input);
 } kTargets[] = {{"connection", connection}, {"settings", settingsFile}, {"flash", flashRecords},
-                {"variables", variables},   {"bridge", bridgeCommands}, {"scene", scene}};
+                {"variables", variables},   {"bridge", bridgeCommands}, {"scene", scene},
+                {"stream", stream}};
 
 }  // namespace
 
