@@ -54,6 +54,11 @@ if(TARGET pulsekit)
   install(FILES ${manual} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 
+if(TARGET Pulsekit3Usb)
+  install(TARGETS Pulsekit3Usb DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  set_target_properties(Pulsekit3Usb PROPERTIES INSTALL_RPATH $ORIGIN)
+endif()
+
 # pulsekit_pkg_config(<name> <library> <description> [<required package>])
 function(pulsekit_pkg_config pc_name pc_library pc_description)
   set(pc_requires ${ARGN})

@@ -39,6 +39,18 @@ is the simulated bench.
 .B PULSEKIT3_SCENE
 A file that says what the simulated radar looks at.
 .TP
+.B PULSEKIT3_SIMULATED_BRIDGE
+.BR FT232H ,
+.B FT2232H
+or
+.BR FT4232H :
+the bridge of the simulated radar.
+.TP
+.B PULSEKIT3_SIMULATED_CHIP
+Its chip, or
+.B none
+for a board with its flash alone.
+.TP
 .B PULSEKIT3_SIMULATED_TIME
 .B real
 (as long as on hardware),

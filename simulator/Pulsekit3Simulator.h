@@ -11,6 +11,8 @@
  * environment:
  *   PULSEKIT3_SCENE            a scene file (QTXSim_LoadScene); none: the scene that a chip sees until one is set
  *   PULSEKIT3_SIMULATED_TIME   real (the default: calls take as long as on hardware), host, or deterministic (quick)
+ *   PULSEKIT3_SIMULATED_BRIDGE FT232H (the default), FT2232H or FT4232H
+ *   PULSEKIT3_SIMULATED_CHIP   QTX3701 (the default), another model, or none: a board with its flash alone
  * A wrong one of them refuses the library: FTx232H_DescribeBridgeLibraries tells why.
  *
  * Rules

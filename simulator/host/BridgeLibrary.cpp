@@ -1,8 +1,11 @@
 // The simulator as a bridge library: the D2XX functions under their own names, over a bench that the environment
 // describes.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <string_view>
 
 #include "host/Bench.h"
 
@@ -17,6 +20,9 @@ struct TimeName {
 };
 constexpr TimeName kTimes[] = {
     {"real", QTXSIM_TIME_REAL}, {"host", QTXSIM_TIME_HOST}, {"deterministic", QTXSIM_TIME_DETERMINISTIC}};
+
+constexpr const char *kSerial = "SIM00001";
+constexpr std::string_view kBridges[] = {"FT232H", "FT2232H", "FT4232H"};  // QTXSIM_FT232H, ...
 
 const char *environment(const char *name) {
   const char *value = std::getenv(name);
@@ -40,21 +46,37 @@ bool setTime(const char *name) {
   return false;
 }
 
+bool refuse(Fault &fault, const char *variable, const char *value, const char *accepted) {
+  std::snprintf(fault.text, sizeof fault.text, "%s: %s is none of %s", variable, value, accepted);
+  return false;
+}
+
+bool addRadar(Fault &fault) {
+  const char *bridge = environment("PULSEKIT3_SIMULATED_BRIDGE");
+  const auto *found = std::find(std::begin(kBridges), std::end(kBridges), std::string_view(bridge ? bridge : "FT232H"));
+  if (found == std::end(kBridges)) {
+    return refuse(fault, "PULSEKIT3_SIMULATED_BRIDGE", bridge, "FT232H, FT2232H, FT4232H");
+  }
+  const char *named = environment("PULSEKIT3_SIMULATED_CHIP");
+  const char *chip = !named ? "QTX3701" : std::strcmp(named, "none") == 0 ? nullptr : named;
+  const auto model = static_cast<int32_t>(found - std::begin(kBridges));
+  if (QTXSim_AddRadar(kSerial, "Simulated radar", model, "QTX-K245", chip) >= 0) return true;
+  return refuse(fault, "PULSEKIT3_SIMULATED_CHIP", named, "QTX3400, QTX3500, QTX3701, QTX3702, none");
+}
+
 Fault arrange() {
   Fault fault;
-  if (hostHasBench()) return fault;
-  const int32_t radar = QTXSim_AddRadar("SIM00001", "Simulated radar", QTXSIM_FT232H, "QTX-K245", "QTX3701");
+  if (hostHasBench() || !addRadar(fault)) return fault;
   // Nobody asks for the record; a long run would only fill memory with it.
   QTXSim_SetRecording(0);
   const char *time = environment("PULSEKIT3_SIMULATED_TIME");
   if (!setTime(time ? time : "real")) {
-    std::snprintf(fault.text, sizeof fault.text, "PULSEKIT3_SIMULATED_TIME: %s is none of real, host, deterministic",
-                  time);
+    refuse(fault, "PULSEKIT3_SIMULATED_TIME", time, "real, host, deterministic");
     return fault;
   }
   const char *scene = environment("PULSEKIT3_SCENE");
   char error[256] = "";
-  if (scene && QTXSim_LoadScene(radar, scene, error, sizeof error) != 0) {
+  if (scene && QTXSim_LoadScene(0, scene, error, sizeof error) != 0) {
     std::snprintf(fault.text, sizeof fault.text, "PULSEKIT3_SCENE: %s", error);
   }
   return fault;

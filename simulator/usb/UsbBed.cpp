@@ -237,13 +237,13 @@ void UsbBed::Impl::plug(Bench &bench, Device &device) {
   fcntl(wakeup, F_SETPIPE_SZ, 4096);
   plugged->node = std::make_unique<UsbNode>(bench, device, wakeup);
   all_.push_back(std::move(plugged));
-  if (!umockdev_in_mock_environment()) umockdev_testbed_uevent(bed_, all_.back()->place.system().c_str(), "add");
 }
 
 void UsbBed::Impl::unplug(Plugged &plugged) {
   plugged.node->unplug();
   const std::string path = plugged.place.system();
-  umockdev_testbed_uevent(bed_, path.c_str(), "remove");
+  // Only from within can programs be told; being plugged in, they are.
+  if (UsbBed::preloaded()) umockdev_testbed_uevent(bed_, path.c_str(), "remove");
   umockdev_testbed_detach_ioctl(bed_, ("/dev/" + plugged.place.node()).c_str(), nullptr);
   umockdev_testbed_remove_device(bed_, path.c_str());
 }

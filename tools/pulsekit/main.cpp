@@ -1,7 +1,9 @@
 // pulsekit: one program for everything that can be done with a radar.
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 
+#include "below.h"
 #include "commands.h"
 #include "output.h"
 #include "system.h"
@@ -17,6 +19,7 @@ constexpr const char *kExamples =
     "  pulsekit --simulate capture --plot            a frame of a simulated radar, in the terminal\n"
     "  pulsekit set PulsesPerStep=40 Iterations=20   kept for the commands after it; reset undoes it\n"
     "  pulsekit capture -n 100 --rate 10 -o walk.npy\n"
+    "  pulsekit --simulate --usb flashrom -p ft2232_spi:type=232H\n"
     "Exit codes: 0 done, 1 failed, 2 wrong usage.\n";
 
 enum ExitCode { kDone = 0, kFailed = 1, kUsage = 2 };
@@ -32,6 +35,9 @@ void addOptions(const Command &program, Options &options) {
   program.argument("-r,--radar", options.radar, "Which radar: serial, connection string or number of the list")
       .takes("RADAR");
   program.flag("--simulate", options.simulation, "A simulated radar; --simulate=SCENE.toml chooses what it sees");
+  static std::string unparsed;  // for the help: what stands behind it is another program's command line
+  program.argument("--usb", unparsed, "Run COMMAND, any program, with the simulated radars on its USB; goes last")
+      .takes("COMMAND ...");
   program.flag("--json", options.json, "Print data as JSON");
   program.flag("--trace", options.trace, "Show the way of a failure through the library");
   program.flag("--fresh", options.fresh, "Don't apply what earlier commands have set");
@@ -54,15 +60,28 @@ void addCommands(const Command &program, const Options &options) {
   add("Program", addProgramCommands);
 }
 
+// What stands behind --usb belongs to another program.
+int ownArguments(int count, char **arguments) {
+  const auto isEnd = [](const char *argument) { return std::string_view(argument) == "--usb"; };
+  return static_cast<int>(std::find_if(arguments, arguments + count, isEnd) - arguments);
+}
+
 int run(int count, char **arguments) {
+  const int own = ownArguments(count, arguments);
+  const Strings below(arguments + std::min(own + 1, count), arguments + count);
   Options options;
   const Program program("pulsekit", "Work with impulse radars: find, set up, measure, keep.", kExamples,
                         cat("pulsekit ", QTX_SupportVersion()));
   addOptions(program.command(), options);
-  addCommands(program.command(), options);
+  if (own == count) {
+    addCommands(program.command(), options);
+  } else {
+    program.command().needsCommand(0);
+  }
   try {
-    program.run(count, arguments);
-    return kDone;
+    if (own < count && below.empty()) throw Usage("--usb without a command", "pulsekit --help explains the usage");
+    program.run(own, arguments);
+    return own == count ? kDone : runBelow(options, below);
   } catch (const Usage &usage) {
     complain(usage.what(), usage.remedy());
     return kUsage;

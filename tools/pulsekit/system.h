@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace tool {
 
@@ -32,5 +33,12 @@ std::string sessionDirectory();
 void setEnvironment(const char *name, const std::string &value);
 
 int processNumber();
+
+/// A function of a library, which is loaded for the rest of the process; null and what is wrong when there is none.
+void *libraryFunction(const char *library, const char *function, std::string &fault);
+
+/// Runs a program to its end and returns its exit code, or 128 and the signal that ended it. Ctrl-C and requests to end
+/// are its own business meanwhile.
+int runProgram(const std::vector<std::string> &command);
 
 }  // namespace tool

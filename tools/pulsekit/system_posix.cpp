@@ -1,21 +1,29 @@
+#include <dlfcn.h>
 #include <langinfo.h>
 #include <pthread.h>
+#include <spawn.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
 
+#include "failure.h"
 #include "system.h"
 #include "text.h"
 
 namespace tool {
 
 namespace {
+
+// The program that runs in our place.
+std::atomic<pid_t> program = 0;
 
 constexpr long kReactAgainNanoseconds = 50'000'000;
 
@@ -31,7 +39,13 @@ void waitForSignals(const std::function<void()> &react) {
   const sigset_t signals = endingSignals();
   const timespec pause{0, kReactAgainNanoseconds};
   for (int requests = 0; requests < 3;) {
-    const int signal = requests == 0 ? sigwaitinfo(&signals, nullptr) : sigtimedwait(&signals, nullptr, &pause);
+    siginfo_t info = {};
+    const int signal = requests == 0 ? sigwaitinfo(&signals, &info) : sigtimedwait(&signals, &info, &pause);
+    if (const pid_t other = program; other > 0 && signal > 0) {
+      // What the terminal sends has reached it, too.
+      if (info.si_code != SI_KERNEL) kill(other, signal);
+      continue;
+    }
     if (signal > 0) ++requests;
     if (requests > 0) react();
   }
@@ -87,5 +101,41 @@ std::string sessionDirectory() {
 void setEnvironment(const char *name, const std::string &value) { setenv(name, value.c_str(), 1); }
 
 int processNumber() { return getpid(); }
+
+void *libraryFunction(const char *library, const char *function, std::string &fault) {
+  void *module = dlopen(library, RTLD_NOW | RTLD_LOCAL);
+  void *found = module ? dlsym(module, function) : nullptr;
+  if (!found) fault = dlerror();
+  return found;
+}
+
+int runProgram(const std::vector<std::string> &command) {
+  std::vector<char *> arguments;
+  for (const std::string &argument : command) arguments.push_back(const_cast<char *>(argument.c_str()));
+  arguments.push_back(nullptr);
+
+  // It starts with signals as this program was given them.
+  sigset_t none, defaults;
+  sigemptyset(&none);
+  sigemptyset(&defaults);
+  sigaddset(&defaults, SIGPIPE);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &defaults);
+  pid_t process = 0;
+  const int failure = posix_spawnp(&process, arguments[0], nullptr, &attributes, arguments.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  if (failure != 0)
+    throw Failure(cat(command[0], ": ", std::strerror(failure)), "check the command's name and its rights");
+
+  program = process;
+  int status = 0;
+  while (waitpid(process, &status, 0) < 0 && errno == EINTR) {
+  }
+  program = 0;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
 
 }  // namespace tool
