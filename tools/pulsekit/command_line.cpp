@@ -63,7 +63,7 @@ Command Command::add(const std::string &name, const std::string &help) const {
 
 void Command::runs(std::function<void()> action) const { app_->callback(std::move(action)); }
 
-void Command::needsCommand(size_t count) const { app_->require_subcommand(count); }
+void Command::needsCommand(int count) const { app_->require_subcommand(count); }
 
 Argument Command::argument(const std::string &names, std::string &value, const std::string &help) const {
   return Argument(app_->add_option(names, value, help));

@@ -39,7 +39,7 @@ class Command {
   /// What it does, once it was parsed.
   void runs(std::function<void()> action) const;
   /// It does nothing without one of the commands below it; or, with 0, it does.
-  void needsCommand(size_t count = 1) const;
+  void needsCommand(int count = 1) const;
 
   Argument argument(const std::string &names, std::string &value, const std::string &help) const;
   Argument argument(const std::string &names, Strings &values, const std::string &help) const;
