@@ -1,4 +1,5 @@
 # What `cmake --install` and `cpack` give: headers, libraries, package files for CMake and pkg-config, udev rule, documents.
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME pulsekit3)
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -82,10 +83,21 @@ install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
         DESTINATION ${documents})
 install(FILES ${PROJECT_SOURCE_DIR}/examples/room.toml DESTINATION ${documents}/examples)
 
+# A package of its own. Otherwise pip is who knows where an interpreter looks.
+install(DIRECTORY ${PULSEKIT_PYTHON_PACKAGE}/pulsekit3 DESTINATION lib/python3/dist-packages COMPONENT python EXCLUDE_FROM_ALL
+        FILES_MATCHING PATTERN *.py PATTERN meanings.json PATTERN py.typed PATTERN __pycache__ EXCLUDE)
+file(GLOB python_examples CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/examples/*.py)
+set(python_documents ${CMAKE_INSTALL_DATAROOTDIR}/doc/python3-pulsekit3)
+install(FILES ${python_examples} DESTINATION ${python_documents}/examples COMPONENT python EXCLUDE_FROM_ALL)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright DESTINATION ${python_documents} COMPONENT python EXCLUDE_FROM_ALL)
+
 set(CPACK_GENERATOR DEB)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL pulsekit3 python)
 set(CPACK_PACKAGE_NAME pulsekit3)
 set(CPACK_PACKAGE_CONTACT "Pulsekit3 developers")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Control of impulse-radar sensors behind USB bridges")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "Control of impulse-radar sensors from Python")
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
@@ -93,11 +105,19 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_VERSION 3.3.0~RC1)
 set(CPACK_DEBIAN_PACKAGE_SECTION science)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS gnuplot-nox)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION TRUE)
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
+set(CPACK_DEBIAN_PULSEKIT3_PACKAGE_NAME pulsekit3)
+set(CPACK_DEBIAN_PULSEKIT3_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PULSEKIT3_PACKAGE_SUGGESTS gnuplot-nox)
+set(CPACK_DEBIAN_PULSEKIT3_PACKAGE_CONTROL_EXTRA
     ${PROJECT_SOURCE_DIR}/packaging/postinst ${PROJECT_SOURCE_DIR}/packaging/postrm
     ${PROJECT_SOURCE_DIR}/packaging/triggers)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-pulsekit3)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= 3.11), python3-numpy, pulsekit3 (>= ${CPACK_DEBIAN_PACKAGE_VERSION})")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS python3-matplotlib)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/packaging/python/postinst ${PROJECT_SOURCE_DIR}/packaging/python/prerm)
 include(CPack)

@@ -11,8 +11,16 @@ root=$work/root
 quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log"; exit 1; }; }
 
 quietly cpack --config "$1/CPackConfig.cmake" -B "$work"
-package=$(echo "$work"/*.deb)
+package=$(echo "$work"/pulsekit3_*.deb)
 dpkg-deb -x "$package" "$work/unpacked"
+
+# The Python package beside it: the library is the system's.
+python_package=$(echo "$work"/python3-pulsekit3_*_all.deb)
+dpkg-deb -f "$python_package" Depends | grep -q 'python3-numpy, pulsekit3 (>= '
+dpkg-deb -x "$python_package" "$work/python"
+env -u PULSEKIT3_LIBRARY LD_LIBRARY_PATH="$work/unpacked/usr/lib" PYTHONPATH="$work/python/usr/lib/python3/dist-packages" \
+  PULSEKIT3_BRIDGE_LIBRARY=libPulsekit3Simulator.so PULSEKIT3_SIMULATED_TIME=deterministic \
+  /usr/bin/python3 -B "$work"/python/usr/share/doc/python3-pulsekit3/examples/first_frame.py | grep '^256 levels'
 
 # The first program of the README, compiled as it says and by CMake.
 sed -n '/^```c$/,/^```$/p' "$2" | sed '/^```/d' >"$work/first.c"
