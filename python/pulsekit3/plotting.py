@@ -43,7 +43,7 @@ def waterfall(
         rows -= rows.mean(axis=0)
     most = float(np.abs(rows).max()) or 1.0
     limits = {} if background else {"vmin": -most, "vmax": most}
-    mesh = ax.pcolormesh(distances, moments, rows, cmap="viridis" if background else "RdBu_r", shading="nearest", **limits)
+    mesh = ax.pcolormesh(distances, moments, rows, cmap="viridis" if background else "RdBu_r", shading="nearest", rasterized=True, **limits)
     ax.figure.colorbar(mesh, ax=ax, label="level (%)")
     ax.set_xlabel("range (m)")
     ax.set_ylabel("frame" if times is None else "time (s)")

@@ -89,7 +89,7 @@ class Calibration:
     samples_per_second: float
     delay_coarse_tune: float
     delay_medium_tune: float
-    delay_fine_tune: float
+    delay_fine_tune: float  #: 0: not measured
     coarse_steps: npt.NDArray[np.float64]
     medium_steps: npt.NDArray[np.float64]
     fine_steps: npt.NDArray[np.float64]
@@ -97,7 +97,7 @@ class Calibration:
 
     def __repr__(self) -> str:
         delays = (self.delay_coarse_tune, self.delay_medium_tune, self.delay_fine_tune)
-        picoseconds = ", ".join(f"{delay * 1e12:.4g} ps" for delay in delays)
+        picoseconds = ", ".join(f"{delay * 1e12:.4g} ps" for delay in delays if delay)
         return f"Calibration({self.samples_per_second / 1e9:.4f} GS/s, delay elements of {picoseconds})"
 
 
