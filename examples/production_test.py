@@ -33,12 +33,12 @@ def starts_again(radar: pulsekit3.Radar) -> bool:
 
 
 def levels_are_right(radar: pulsekit3.Radar) -> bool:
-    levels = radar.frame()
-    return 40 < levels.min() < levels.max() < 60
+    levels: list[float] = radar.frame().tolist()
+    return 40 < min(levels) < max(levels) < 60
 
 
 def samples_in_time(radar: pulsekit3.Radar) -> bool:
-    nominal = radar.settings.SamplesPerSecond
+    nominal: float = radar.settings.SamplesPerSecond
     return abs(radar.calibrate().samples_per_second / nominal - 1) < 0.05
 
 

@@ -7,7 +7,7 @@ import os
 import threading
 import weakref
 from collections.abc import Iterator
-from contextlib import contextmanager
+from contextlib import contextmanager, suppress
 from dataclasses import dataclass
 from typing import Any, NamedTuple, Optional
 
@@ -109,7 +109,8 @@ def _release(pointer: ctypes.c_void_p) -> None:
 class Radar:
     """A radar. pulsekit3.open() gives an open one; a with block closes it.
 
-    Any thread may use it: calls wait for each other, but for cancel(). Ctrl-C ends a call of the main thread at once."""
+    Any thread may use it: calls wait for each other, but for cancel(). Ctrl-C ends a call of the main thread at once, with
+    KeyboardInterrupt, or with Cancelled where the program has a handler of its own that raises nothing."""
 
     def __init__(self) -> None:
         self._lock = threading.RLock()
@@ -277,7 +278,8 @@ class Radar:
         where that is given, an array of the right type and of as many entries as a frame or more."""
         with self._lock:
             if out is None:
-                out = np.empty(int(self.settings.SamplersPerFrame), stream.kind_of(kind)[1])
+                samplers = self.settings.SamplersPerFrame if "SamplersPerFrame" in self.settings else 0
+                out = np.empty(samplers, stream.kind_of(kind)[1])
             stream.frame_into(self, kind, out)
         return out
 
@@ -520,5 +522,5 @@ def version() -> str:
 
 def close_all() -> None:
     for radar in list(_radars):
-        if radar.is_open:
+        with suppress(errors.Error):  # what can't be closed must not keep the others open
             radar.close()

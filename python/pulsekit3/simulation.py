@@ -54,7 +54,7 @@ class Bench:
         """Plugs one in and returns its number. board "": one that was never programmed; None: no board, no chip."""
         if bridge not in _BRIDGES:
             raise ValueError(f"bridge {bridge!r} is none of {', '.join(_BRIDGES)}")
-        names = [None if name is None else encoded(name) for name in (board, chip)]
+        names = [None if name is None else encoded(name) for name in (board, chip if board is not None else None)]
         name = encoded(serial or f"SIM{self._radars + 1:05}")
         number: int = simulator().QTXSim_AddRadar(name, b"Simulated radar", _BRIDGES.index(bridge), *names)
         if number < 0:

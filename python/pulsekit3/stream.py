@@ -154,18 +154,18 @@ class Stream:
 
     def _fill(self) -> bool:
         """Waits for a frame and takes what is there; whether there is one."""
-        if self._left == 0:
-            self.close()
-        self.start()
-        if not self._running:
-            return False
-        wanted = _BATCH if self._left is None else min(_BATCH, self._left)
-        self._count.value = 0
-        try:
-            self._read(wanted)
-        finally:  # a full disk under a frame log fails the call, yet the frames are there
-            self._take()
-        return True
+        with self._radar._lock:
+            if self._left == 0:
+                self.close()
+            self.start()
+            if not self._running:
+                return False
+            self._count.value = 0
+            try:
+                self._read(_BATCH if self._left is None else min(_BATCH, self._left))
+            finally:  # a full disk under a frame log fails the call, yet the frames are there
+                self._take()
+            return True
 
     def _read(self, wanted: int) -> None:
         while True:
