@@ -74,10 +74,11 @@ TEST_F(Flash, Faults) {
     DO_FOR(level, QTXSim_SetIdleLevel(device, level), QTXSim_FlashPresent(device, 0), flashFrame({0x9F}, 3),
            QTXSim_FlashPresent(device, 1), flashFrame({0x9F}, 3));
     say("without power: low, and not driven");
-    for (const auto &[high, outputs] : {std::pair<uint8_t, uint8_t>{0xDE, 0x3B}, {0xFE, 0x1B}}) {
+    for (const uint8_t high : Bytes{0xDE, 0xFE}) {
+      const uint8_t outputs = high == 0xDE ? 0x3B : 0x1B, low = uint8_t(high - 0x10);
       write({0x80, high, outputs});
       DO(QTXSim_PinLevel(device, 5),
-         exchange({0x80, uint8_t(high - 0x10), outputs, 0x11, 0, 0, 0x9F, 0x20, 2, 0, 0x80, high, outputs, 0x87}, 3));
+         exchange({0x80, low, outputs, 0x11, 0, 0, 0x9F, 0x20, 2, 0, 0x80, high, outputs, 0x87}, 3));
     }
     powerUp();
   }
