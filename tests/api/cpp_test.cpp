@@ -77,8 +77,7 @@ TEST_F(CppHeader, StreamsGrowStopAndShowGaps) {
     EXPECT_EQ(frame.number(), frames + lost);
     if (++frames == 100) stream.stop();
     if (frames == 20) radar["FrameStitch"] = 8;
-    if (frames > 1) continue;
-    for (const uint64_t now = QTX_timestamp_us(); QTX_timestamp_us() < now + 30'000;) continue;
+    if (frames == 1) QTXSim_Advance(30'000'000);
   }
   EXPECT_EQ(frames, 100u);
   EXPECT_EQ(entries, 2048u);
