@@ -12,6 +12,7 @@
 #include "Pulsekit3.h"
 #include "advice.h"
 #include "calls.h"
+#include "platform/platform.h"
 #include "support/handle_state.h"
 #include "support/numbers.h"
 
@@ -273,7 +274,7 @@ int32_t QTX_GetCDF(QTX_Handle *handle, uint32_t *table, int32_t capacity) {
 int32_t QTX_FrameLoggingStart(QTX_Handle *handle, const char *path, int32_t flags, int32_t precision) try {
   if (int32_t code = checkCall(handle, HERE, path)) return code;
   closeFrameLog(handle);
-  handle->frame_log = std::fopen(path, flags & kLogBinary ? "wb" : "w");
+  handle->frame_log = platform::openFile(path, flags & kLogBinary ? "wb" : "w");
   if (!handle->frame_log) {
     handle->frame_log_flags = 0;
     return failedWith(

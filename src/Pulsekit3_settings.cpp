@@ -164,7 +164,7 @@ int32_t QTX_VarsLoadFromFile(QTX_Handle *handle, const char *path) try {
   const CallScope call(handle);
   if (int32_t code = checkCall(handle, HERE, path)) return code;
   const SettingsChange change(handle);
-  const File file(std::fopen(path, "r"));
+  const File file(platform::openFile(path, "rb"));
   if (!file)
     return failedWith(handle, origin(handle->error, HERE_AT(2058), kCouldNotOpenFile, "Could not open file for read"),
                       path);

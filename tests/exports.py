@@ -23,6 +23,13 @@ def declared(folders):
 
 
 def exported(library):
+    if library.endswith(".dll"):
+        command = ["x86_64-w64-mingw32-objdump", "-p", library]
+        output = subprocess.run(command, check=True, capture_output=True, text=True).stdout
+        needed = set(re.findall(r"DLL Name: (.*)", output)) - {"KERNEL32.dll", "msvcrt.dll"}
+        if needed:
+            sys.exit(f"needs {needed} beside it")
+        return set(re.findall(r"^\s+\[ *\d+\] (\w+)$", output.partition("[Ordinal/Name Pointer] Table")[2], re.M))
     output = subprocess.run(
         ["nm", "-D", "--defined-only", "--format=posix", library], check=True, capture_output=True, text=True
     ).stdout

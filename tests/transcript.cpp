@@ -10,17 +10,35 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <random>
 #include <regex>
+
+#ifdef _WIN32
+#include "imports.h"
+#endif
 
 namespace {
 std::atomic<uint64_t> pauses = 0;  // nanoseconds
-}
 
+#ifdef _WIN32
+void WINAPI pause(DWORD milliseconds) { pauses += milliseconds * uint64_t{1'000'000}; }
+const bool paused = [] {
+  bool any = false;
+  for (const char *module : {static_cast<const char *>(nullptr), "Pulsekit3.dll", "Pulsekit3Simulator.dll"}) {
+    any = pulsekit::test::replaceImport(module, "Sleep", reinterpret_cast<uintptr_t>(&pause)) || any;
+  }
+  return any;
+}();
+#endif
+}  // namespace
+
+#ifndef _WIN32
 // This goes before the system's, for the libraries too.
 extern "C" __attribute__((visibility("default"))) int nanosleep(const timespec *time, timespec *) {
   pauses += static_cast<uint64_t>(time->tv_sec) * 1'000'000'000 + static_cast<uint64_t>(time->tv_nsec);
   return 0;
 }
+#endif
 
 namespace pulsekit::test {
 
@@ -31,11 +49,24 @@ std::string contents(const std::string &path) {
   return {std::istreambuf_iterator<char>(stream), {}};
 }
 
+std::string textOf(const std::string &path) {
+  std::string text = contents(path);
+#ifdef _WIN32
+  for (size_t at = 0; (at = text.find('\n', at)) != text.npos; ++at) {
+    if (at == 0 || text[at - 1] != '\r') return "an end of a line without CR: " + text;
+    text.erase(--at, 1);
+  }
+#endif
+  return text;
+}
+
 void write(const std::string &path, const std::string &text) { std::ofstream(path, std::ios::binary) << text; }
 
 Folder::Folder() {
-  std::string pattern = testing::TempDir() + "pulsekit-XXXXXX";
-  path_ = mkdtemp(pattern.data());
+  std::random_device random;
+  do {
+    path_ = std::filesystem::path(testing::TempDir()) / ("pulsekit-" + std::to_string(random()));
+  } while (!std::filesystem::create_directory(path_));
 }
 
 size_t Folder::fileCount() const {
@@ -136,7 +167,7 @@ void Told::inRuns(const std::string &title, uint32_t most,
 void Told::TearDown() {
   const testing::TestInfo &test = *testing::UnitTest::GetInstance()->current_test_info();
   const std::string name = std::string(test.test_suite_name()) + "." + test.name() + "\n", mark = "== ";
-  const std::string folder = std::filesystem::path(test.file()).parent_path().filename();
+  const std::string folder = std::filesystem::path(test.file()).parent_path().filename().string();
   const std::string path = PULSEKIT_GOLDEN + ("/" + folder + ".txt"), all = contents(path);
   std::map<std::string, std::string> sections;
   for (size_t at = 0; at < all.size();) {

@@ -17,6 +17,7 @@
 namespace pulsekit::test {
 
 std::string contents(const std::string &path);
+std::string textOf(const std::string &path);  // a text file's, which end as the system ends lines
 void write(const std::string &path, const std::string &text);
 
 // A folder for one test.
@@ -27,13 +28,20 @@ class Folder {
   Folder(const Folder &) = delete;
   Folder &operator=(const Folder &) = delete;
   std::string file(const std::string &name) const { return (path_ / name).string(); }
+  const std::filesystem::path &path() const { return path_; }
   size_t fileCount() const;
 
  private:
   std::filesystem::path path_;
 };
 
-__attribute__((format(printf, 1, 2))) std::string format(const char *form, ...);
+#ifdef __MINGW_PRINTF_FORMAT
+__attribute__((format(gnu_printf, 1, 2)))
+#else
+__attribute__((format(printf, 1, 2)))
+#endif
+std::string
+format(const char *form, ...);
 // Nothing really sleeps in these programs: the pauses that were asked for since this was asked last, in milliseconds.
 uint64_t slept();
 std::string hex(const void *bytes, size_t count);  // "0A FF"

@@ -2,16 +2,17 @@
 // describes.
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <iterator>
+#include <string>
 #include <string_view>
 
+#include "base/System.h"
 #include "host/Bench.h"
 
 namespace {
 
 using pulsekit::simulator::bench;
+using pulsekit::simulator::environment;
 using pulsekit::simulator::lockBench;
 
 struct TimeName {
@@ -24,11 +25,6 @@ constexpr TimeName kTimes[] = {
 constexpr const char *kSerial = "SIM00001";
 constexpr std::string_view kBridges[] = {"FT232H", "FT2232H", "FT4232H"};  // QTXSIM_FT232H, ...
 
-const char *environment(const char *name) {
-  const char *value = std::getenv(name);
-  return value && value[0] != '\0' ? value : nullptr;
-}
-
 bool hostHasBench() {
   auto lock = lockBench();
   return bench().device(0) != nullptr;
@@ -39,29 +35,29 @@ struct Fault {
   char text[512] = "";
 };
 
-bool setTime(const char *name) {
+bool setTime(const std::string &name) {
   for (const TimeName &time : kTimes) {
-    if (std::strcmp(time.name, name) == 0) return QTXSim_SetTime(time.mode) == 0;
+    if (name == time.name) return QTXSim_SetTime(time.mode) == 0;
   }
   return false;
 }
 
-bool refuse(Fault &fault, const char *variable, const char *value, const char *accepted) {
-  std::snprintf(fault.text, sizeof fault.text, "%s: %s is none of %s", variable, value, accepted);
+bool refuse(Fault &fault, const char *variable, const std::string &value, const char *accepted) {
+  std::snprintf(fault.text, sizeof fault.text, "%s: %s is none of %s", variable, value.c_str(), accepted);
   return false;
 }
 
 bool addRadar(Fault &fault) {
-  const char *bridge = environment("PULSEKIT3_SIMULATED_BRIDGE");
-  const auto *found = std::find(std::begin(kBridges), std::end(kBridges), std::string_view(bridge ? bridge : "FT232H"));
+  const std::string bridge = environment("PULSEKIT3_SIMULATED_BRIDGE", "FT232H");
+  const auto *found = std::find(std::begin(kBridges), std::end(kBridges), bridge);
   if (found == std::end(kBridges)) {
     return refuse(fault, "PULSEKIT3_SIMULATED_BRIDGE", bridge, "FT232H, FT2232H, FT4232H");
   }
-  const char *named = environment("PULSEKIT3_SIMULATED_CHIP");
-  const char *chip = !named ? "QTX3701" : std::strcmp(named, "none") == 0 ? nullptr : named;
+  const std::string chip = environment("PULSEKIT3_SIMULATED_CHIP", "QTX3701");
   const auto model = static_cast<int32_t>(found - std::begin(kBridges));
-  if (QTXSim_AddRadar(kSerial, "Simulated radar", model, "QTX-K245", chip) >= 0) return true;
-  return refuse(fault, "PULSEKIT3_SIMULATED_CHIP", named, "QTX3400, QTX3500, QTX3701, QTX3702, none");
+  const char *fitted = chip == "none" ? nullptr : chip.c_str();
+  if (QTXSim_AddRadar(kSerial, "Simulated radar", model, "QTX-K245", fitted) >= 0) return true;
+  return refuse(fault, "PULSEKIT3_SIMULATED_CHIP", chip, "QTX3400, QTX3500, QTX3701, QTX3702, none");
 }
 
 Fault arrange() {
@@ -69,14 +65,14 @@ Fault arrange() {
   if (hostHasBench() || !addRadar(fault)) return fault;
   // Nobody asks for the record; a long run would only fill memory with it.
   QTXSim_SetRecording(0);
-  const char *time = environment("PULSEKIT3_SIMULATED_TIME");
-  if (!setTime(time ? time : "real")) {
+  const std::string time = environment("PULSEKIT3_SIMULATED_TIME", "real");
+  if (!setTime(time)) {
     refuse(fault, "PULSEKIT3_SIMULATED_TIME", time, "real, host, deterministic");
     return fault;
   }
-  const char *scene = environment("PULSEKIT3_SCENE");
+  const std::string scene = environment("PULSEKIT3_SCENE", "");
   char error[256] = "";
-  if (scene && QTXSim_LoadScene(0, scene, error, sizeof error) != 0) {
+  if (!scene.empty() && QTXSim_LoadScene(0, scene.c_str(), error, sizeof error) != 0) {
     std::snprintf(fault.text, sizeof fault.text, "PULSEKIT3_SCENE: %s", error);
   }
   return fault;

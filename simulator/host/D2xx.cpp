@@ -2,9 +2,9 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <utility>
 
+#include "base/System.h"
 #include "host/Bench.h"
 
 namespace pulsekit::simulator {
@@ -58,7 +58,7 @@ FT_STATUS call(Function function, FT_HANDLE handle, Describe describe, Body body
   all.recorder().complete(number, status, value);
   const uint64_t rest = all.endCall();
   lock.unlock();
-  if (rest > 0) std::this_thread::sleep_for(std::chrono::nanoseconds(rest));
+  if (rest > 0) sleepFor(rest);
   return status;
 }
 

@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "base/System.h"
 #include "world/Scene.h"
 
 #if defined(__GNUC__) && !defined(__clang__)
@@ -137,7 +138,7 @@ std::optional<Scene> parseScene(const std::string &text, const std::string &name
 }
 
 std::optional<Scene> readScene(const std::string &path, std::string &error) {
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file(pathOf(path), std::ios::binary);
   std::ostringstream text;
   const bool opened = file.is_open();
   if (opened && file.peek() != std::ifstream::traits_type::eof()) text << file.rdbuf();

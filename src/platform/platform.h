@@ -20,6 +20,17 @@ UtcTime utcNow();
 
 void sleepMilliseconds(uint32_t milliseconds);
 
+// As fopen, with a path in UTF-8. On Windows one that is no UTF-8 is taken to be in the system's code page. May throw
+// std::bad_alloc.
+FILE *openFile(const char *path, const char *mode);
+
+// A variable of the process's environment, whose name is ASCII, in UTF-8 and cut to the size. False where there is none
+// or it is empty.
+bool environment(const char *name, char *value, size_t size);
+
+// The digits that "%e" gives an exponent at least.
+extern const size_t kExponentDigits;
+
 // As strtod reads it in the C locale, whatever the process's is.
 double realOf(const char *text);
 
@@ -48,8 +59,9 @@ class SharedLibrary {
   SharedLibrary(const SharedLibrary &) = delete;
   SharedLibrary &operator=(const SharedLibrary &) = delete;
   explicit operator bool() const { return module_ != nullptr; }
-  // Null when there is none. An ordinal other than 0 must name the same function where the system has ordinals.
-  void *find(const char *name, uint16_t ordinal = 0) const;
+  void *find(const char *name) const;  // null when there is none
+  // Whether the function stands at this number of the library's list; true where the system has no such lists.
+  bool hasAt(uint16_t ordinal, const void *function) const;
   // Why it could not be loaded, in the system's words.
   const char *failure() const { return failure_; }
 

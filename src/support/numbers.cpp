@@ -68,7 +68,12 @@ std::string format(double value, std::chars_format form, int precision) {
 
 }  // namespace
 
-std::string formatExponent(double value) { return format(value, std::chars_format::scientific, 6); }
+std::string formatExponent(double value) {
+  std::string text = format(value, std::chars_format::scientific, 6);
+  const size_t digits = text.find('e') + 2;  // behind "e+"
+  while (digits > 2 && text.size() - digits < platform::kExponentDigits) text.insert(digits, 1, '0');
+  return text;
+}
 
 std::string formatFixed(double value, int precision) {
   return format(value, std::chars_format::fixed, std::clamp(precision, 0, 1000));

@@ -61,7 +61,7 @@ class Calls : public Radar {
         {table, "table"},   {in, "in"},       {out, "out"},       {results, "results"}};
     std::string list = "(";
     for (uint64_t argument : std::exchange(call.arguments, {})) {
-      std::string name = argument > 0xffffff ? "pointer" : std::to_string(argument);
+      std::string name = argument > 0xffff ? "pointer" : std::to_string(argument);
       for (const auto &[pointer, its_name] : known) {
         if (reinterpret_cast<uintptr_t>(pointer) == argument) name = its_name;
       }

@@ -1,5 +1,9 @@
 // Memory that runs out at every allocation of the library in turn: a code, no exception, and all goes on afterwards.
+#ifdef _WIN32
+#include "imports.h"
+#else
 #include <dlfcn.h>
+#endif
 
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +19,10 @@ uint32_t failing_allocation = 0;
 uint32_t allocations = 0;
 bool counting = false;
 
+#ifdef _WIN32
+void *allocate(size_t size) { return counting && ++allocations == failing_allocation ? nullptr : std::malloc(size); }
+const bool replaced = pulsekit::test::replaceImport("Pulsekit3.dll", "malloc", reinterpret_cast<uintptr_t>(&allocate));
+#else
 bool isTheLibrary(const void *address) {
   Dl_info info;
   if (dladdr(address, &info) == 0 || !info.dli_fname) return false;
@@ -25,9 +33,11 @@ void *allocate(size_t size, const void *caller) {
   if (counting && isTheLibrary(caller) && ++allocations == failing_allocation) return nullptr;
   return std::malloc(size > 0 ? size : 1);
 }
+#endif
 
 }  // namespace
 
+#ifndef _WIN32
 #define DEFAULT_VISIBILITY __attribute__((visibility("default"), noinline))
 
 // These go before the system's, for the library too.
@@ -49,6 +59,7 @@ DEFAULT_VISIBILITY void operator delete(void *memory) noexcept { std::free(memor
 DEFAULT_VISIBILITY void operator delete[](void *memory) noexcept { std::free(memory); }
 DEFAULT_VISIBILITY void operator delete(void *memory, size_t) noexcept { std::free(memory); }
 DEFAULT_VISIBILITY void operator delete[](void *memory, size_t) noexcept { std::free(memory); }
+#endif
 
 namespace pulsekit::test {
 namespace {

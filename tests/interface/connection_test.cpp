@@ -259,8 +259,8 @@ TEST_F(Connection, Log) {
      std::string(bridge->log_file_name) == path.substr(0, 8), comment("early"), transfer({1}, 0), mode(3),
      transfer({0x90, 2, 3, 4}, 0), transfer({2, 2}, 2), transfer({}, 1),
      bridge->SendReceiveBitsSPI(bridge, 0, out, 12, in, 12, 0x100), comment("reset %s"), mode(0), transfer({0xEE}, 1),
-     comment("unheard"), mode(3), transfer({1}, 0), mode(2), contents(path), bridge->log_file_name, mode(2), mode(1),
-     mode(3), comment("first"), mode(1), mode(3), comment("second"), (open("FTx232H"), contents(path)));
+     comment("unheard"), mode(3), transfer({1}, 0), mode(2), textOf(path), bridge->log_file_name, mode(2), mode(1),
+     mode(3), comment("first"), mode(1), mode(3), comment("second"), (open("FTx232H"), textOf(path)));
   for (const std::string &name : {folder.file("no/log"), std::string(10'000, 'n'), folder.file("")}) {
     DO_FOR("unwritable", bridge->InterfaceLogging(bridge, 1, name.c_str()), bridge->log_file);
   }

@@ -1,7 +1,9 @@
 // The interface log: a text file with the bytes of every SPI transfer.
 #include <cstdio>
 #include <cstring>
+#include <new>
 
+#include "../../platform/platform.h"
 #include "../../support/trace.h"
 #include "FTx232H_private.h"
 
@@ -35,13 +37,13 @@ void closeInterfaceLog(InterfaceHandle *bridge) {
   bridge->log_file_name[0] = '\0';
 }
 
-int32_t FTx232H_InterfaceLogging(InterfaceHandle *bridge, int32_t mode, const char *file_name) {
+int32_t FTx232H_InterfaceLogging(InterfaceHandle *bridge, int32_t mode, const char *file_name) try {
   QTX_StackTrace *record = interfaceErrorRecord(bridge);
   settlePrograms(bridge);
   if (mode == kOpenLog) {
     if (!file_name) return origin(record, HERE, kError);
     closeInterfaceLog(bridge);
-    bridge->log_file = std::fopen(file_name, "w");
+    bridge->log_file = platform::openFile(file_name, "w");
     if (!bridge->log_file) return origin(record, HERE, kCouldNotOpenLog);
     const size_t kept = strnlen(file_name, kKeptNameLength);
     std::memcpy(bridge->log_file_name, file_name, kept);
@@ -50,6 +52,8 @@ int32_t FTx232H_InterfaceLogging(InterfaceHandle *bridge, int32_t mode, const ch
   if (mode == kCloseLog) closeInterfaceLog(bridge);
   bridge->log_mode = mode;
   return kSuccess;
+} catch (const std::bad_alloc &) {
+  return origin(interfaceErrorRecord(bridge), HERE, kOutOfMemory);
 }
 
 int32_t FTx232H_InterfaceLogComment(InterfaceHandle *bridge, const char *text) {

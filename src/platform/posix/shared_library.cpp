@@ -38,6 +38,8 @@ SharedLibrary::~SharedLibrary() {
   if (module_) dlclose(module_);
 }
 
-void *SharedLibrary::find(const char *name, uint16_t) const { return module_ ? dlsym(module_, name) : nullptr; }
+void *SharedLibrary::find(const char *name) const { return module_ ? dlsym(module_, name) : nullptr; }
+
+bool SharedLibrary::hasAt(uint16_t, const void *) const { return true; }
 
 }  // namespace pulsekit::platform

@@ -25,8 +25,8 @@ void sleepMilliseconds(uint32_t milliseconds) { Sleep(milliseconds); }
 
 void raiseTimerResolution() {
   using SetTimerResolution = LONG(NTAPI *)(ULONG requested, BOOLEAN set, ULONG * actual);
-  const SharedLibrary library("ntdll.dll");
-  void *symbol = library.find("NtSetTimerResolution");
+  // Every process has that library already.
+  const FARPROC symbol = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtSetTimerResolution");
   SetTimerResolution set = nullptr;
   static_assert(sizeof set == sizeof symbol);
   std::memcpy(&set, &symbol, sizeof set);

@@ -1,7 +1,6 @@
 #include "provider.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -31,25 +30,30 @@ constexpr char kNamedLibrary[] = "PULSEKIT3_BRIDGE_LIBRARY";
 constexpr char kOwnName[] = "libusb";
 constexpr char kFault[] = "FTx232H_LibraryFault";
 
-// Fills the table; remembers the first function that the library lacks.
+// Fills the table; tells the first function that the library lacks or has in another place than the vendor's.
 class Resolver {
  public:
   Resolver(const SharedLibrary &library, bool by_ordinal) : library_(library), by_ordinal_(by_ordinal) {}
 
   template <typename Function>
   void operator()(const char *name, uint16_t ordinal, Function &slot) {
-    slot = reinterpret_cast<Function>(library_.find(name, by_ordinal_ ? ordinal : uint16_t{0}));
-    if (!slot && !missing_) missing_ = name;
+    void *function = library_.find(name);
+    slot = reinterpret_cast<Function>(function);
+    if (fault_[0] != '\0') return;
+    if (!function) std::snprintf(fault_, sizeof fault_, "it lacks %s", name);
+    if (function && by_ordinal_ && !library_.hasAt(ordinal, function)) {
+      std::snprintf(fault_, sizeof fault_, "its function %u is not %s", unsigned{ordinal}, name);
+    }
   }
-  const char *missing() const { return missing_; }
+  const char *fault() const { return fault_[0] != '\0' ? fault_ : nullptr; }
 
  private:
   const SharedLibrary &library_;
   bool by_ordinal_;
-  const char *missing_ = nullptr;
+  char fault_[64] = "";
 };
 
-const char *resolveAll(Resolver resolve, FTx232H_D2XX &table) {
+void resolveAll(Resolver &resolve, FTx232H_D2XX &table) {
   resolve("FT_Close", 2, table.Close);
   resolve("FT_Read", 3, table.Read);
   resolve("FT_Write", 4, table.Write);
@@ -63,7 +67,6 @@ const char *resolveAll(Resolver resolve, FTx232H_D2XX &table) {
   resolve("FT_SetUSBParameters", 33, table.SetUSBParameters);
   resolve("FT_CreateDeviceInfoList", 70, table.CreateDeviceInfoList);
   resolve("FT_GetDeviceInfoList", 71, table.GetDeviceInfoList);
-  return resolve.missing();
 }
 
 template <typename... Arguments>
@@ -115,7 +118,9 @@ void load(Search &search, const char *file_name) {
   const auto report = [&](const char *outcome, const char *detail) { search.report(file_name, outcome, detail); };
   if (!library || !*library) return report("not loaded: ", library ? library->failure() : "out of memory");
   // The ordinals are the vendor's own.
-  if (const char *missing = resolveAll({*library, !search.named}, table)) return report("refused: it lacks ", missing);
+  Resolver resolve(*library, !search.named);
+  resolveAll(resolve, table);
+  if (const char *fault = resolve.fault()) return report("refused: ", fault);
   const auto fault = reinterpret_cast<const char *(*)()>(library->find(kFault));
   if (const char *text = fault ? fault() : nullptr) return report("refused: ", text);
   report("loaded", "");
@@ -140,8 +145,8 @@ void useOwn(Search &search) {
 // What the user names is the one to use or none: no radar on the desk answers for a simulated one.
 Search searchLibrary() {
   Search search;
-  const char *name = std::getenv(kNamedLibrary);
-  search.named = name && name[0] != '\0';
+  char name[1024];
+  search.named = platform::environment(kNamedLibrary, name, sizeof name);
   const bool own = search.named && std::strcmp(name, kOwnName) == 0;
   if (!own) load(search, search.named ? name : kVendorLibrary);
   if (own || (!search.named && search.found == Search::Found::Nothing)) useOwn(search);
