@@ -7,6 +7,8 @@ from typing import Any, Optional
 import numpy as np
 import numpy.typing as npt
 
+from .stream import Frame
+
 
 def _axes(ax: Any) -> Any:
     if ax is not None:
@@ -32,7 +34,9 @@ def waterfall(
     frames: npt.ArrayLike, ranges: npt.ArrayLike, times: Optional[npt.ArrayLike] = None, ax: Any = None, background: bool = False
 ) -> Any:
     """Frames (a row each) over the range in metres and the time in seconds, without what all of them have in common unless the
-    background is wanted; returns Matplotlib's axes."""
+    background is wanted; returns Matplotlib's axes. A list of a stream's frames brings its times along."""
+    if times is None and isinstance(frames, list):
+        times = [frame.time for frame in frames if isinstance(frame, Frame)] or None
     ax = _axes(ax)
     rows = np.array(frames, np.float64)
     if rows.ndim != 2 or 0 in rows.shape:

@@ -17,7 +17,7 @@ import numpy.typing as npt
 from . import _interrupt, errors, stream
 from ._library import Geometry as _Geometry
 from ._library import decoded, encoded, library, path_bytes, read_text
-from .plotting import plot
+from .plotting import plot, waterfall
 from .settings import Actions, Meaning, Settings, meaning_of
 
 _UNKNOWN = "Unknown"
@@ -313,6 +313,10 @@ class Radar:
     def plot(self, frame: Optional[npt.ArrayLike] = None, ax: Any = None) -> Any:
         """Draws a frame over the range, a new one unless it is given, and returns Matplotlib's axes."""
         return plot(self.frame() if frame is None else frame, self.ranges(), ax)
+
+    def waterfall(self, rate: float = 10, count: int = 100, ax: Any = None) -> Any:
+        """Streams frames and draws what moves, over range and time; returns Matplotlib's axes."""
+        return waterfall(list(self.stream(rate, count=count)), self.ranges(), ax=ax)
 
     # ---- Calibration ----
 

@@ -120,8 +120,9 @@ class Python(unittest.TestCase):
             self.assertRaisesRegex(ImportError, "python3-matplotlib", self.radar.plot)
         axes = unittest.mock.MagicMock()
         self.radar.plot(ax=axes)
-        pulsekit3.waterfall(self.radar.stream(count=5).read(5), self.radar.ranges(), ax=axes)
-        self.assertEqual(axes.pcolormesh.call_args.args[2].shape, (5, 256))
+        self.radar.waterfall(100, 5, ax=axes)
+        _, times, values = axes.pcolormesh.call_args.args
+        self.assertEqual((values.shape, times.round(6).tolist()), ((5, 256), [0, 0.01, 0.02, 0.03, 0.04]))
 
     def test_types_of_the_library(self):
         declared = " ".join(pathlib.Path(header).read_text() for header in HEADERS)
