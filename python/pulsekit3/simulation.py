@@ -4,10 +4,9 @@ from __future__ import annotations
 
 import ctypes
 import os
-from collections.abc import Iterator, Sequence
-from contextlib import contextmanager
+from collections.abc import Sequence
 from dataclasses import dataclass
-from typing import Literal, Optional
+from typing import ClassVar, Literal, Optional, Union
 
 from . import radar
 from ._library import Reflector as _Reflector
@@ -31,18 +30,55 @@ class Reflector:
     rate: float = 0.0  #: of breathing
 
 
-Scene = "str | os.PathLike[str] | Sequence[Reflector] | None"
+Scene = Union[str, "os.PathLike[str]", Sequence[Reflector]]
 
 
 class Bench:
-    """A bench of simulated radars."""
+    """A bench of simulated radars, of which there is one in a process."""
 
-    def __init__(self) -> None:
+    _running: ClassVar[Optional[Bench]] = None
+
+    def __init__(self, scene: Optional[Scene], time: Time, radars: int, direct_coupling: float, noise: float) -> None:
+        if time not in _TIMES:
+            raise ValueError(f"time {time!r} is none of {', '.join(_TIMES)}")
+        self._first = scene, _TIMES.index(time), radars, direct_coupling, noise
         self._radars = 0
+
+    def start(self) -> Bench:
+        """From now on, the radars that are found are these."""
+        if Bench._running:
+            raise RuntimeError("a bench is simulated already: there is one in a process")
+        scene, time, radars, direct_coupling, noise = self._first
+        Bench._running, self._radars = self, 0
+        try:
+            simulator().QTXSim_Reset()
+            simulator().QTXSim_SetRecording(0)
+            simulator().QTXSim_SetTime(time)
+            for _ in range(radars):
+                self.add_radar(scene, direct_coupling=direct_coupling, noise=noise)
+            library().FTx232H_SetD2XX(simulator().QTXSim_D2XX())
+        except BaseException:
+            self.stop()
+            raise
+        return self
+
+    def stop(self) -> None:
+        """Closes the radars that are open, and takes all away. Twice is fine."""
+        if Bench._running is not self:
+            return
+        radar.close_all()
+        library().FTx232H_SetD2XX(None)
+        simulator().QTXSim_Reset()
+        Bench._running = None
+
+    __enter__ = start
+
+    def __exit__(self, *_: object) -> None:
+        self.stop()
 
     def add_radar(
         self,
-        scene: str | os.PathLike[str] | Sequence[Reflector] | None = None,
+        scene: Optional[Scene] = None,
         *,
         serial: str = "",
         board: Optional[str] = "QTX-K245",
@@ -66,7 +102,7 @@ class Bench:
 
     def set_scene(
         self,
-        scene: str | os.PathLike[str] | Sequence[Reflector],
+        scene: Scene,
         number: int = 0,
         *,
         direct_coupling: float = 500.0,
@@ -113,40 +149,17 @@ class Bench:
             raise ValueError(failure)
 
 
-_running = False
-
-
-@contextmanager
 def simulated(
-    scene: str | os.PathLike[str] | Sequence[Reflector] | None = None,
+    scene: Optional[Scene] = None,
     *,
     time: Time = "deterministic",
     radars: int = 1,
     direct_coupling: float = 500.0,
     noise: float = 40.0,
-) -> Iterator[Bench]:
-    """While it lasts, the radars that are found are simulated ones, which look at a scene: a file such as examples/room.toml, or
-    reflectors. Radars that are open at its end are closed.
+) -> Bench:
+    """In a with block, the radars that are found are simulated ones, which look at a scene: a file such as examples/room.toml, or
+    reflectors. Radars that are open at its end are closed. At the prompt start() and stop() do without the block.
 
     time: "deterministic" (quick, the same in every run), "host" (what the program does between calls takes time, too) or "real"
     (calls take as long as on hardware). radars: how many; Bench.add_radar() plugs in others."""
-    global _running
-    if time not in _TIMES:
-        raise ValueError(f"time {time!r} is none of {', '.join(_TIMES)}")
-    if _running:
-        raise RuntimeError("a bench is simulated already: there is one in a process")
-    bench = Bench()
-    _running = True
-    try:
-        simulator().QTXSim_Reset()
-        simulator().QTXSim_SetRecording(0)
-        simulator().QTXSim_SetTime(_TIMES.index(time))
-        for _ in range(radars):
-            bench.add_radar(scene, direct_coupling=direct_coupling, noise=noise)
-        library().FTx232H_SetD2XX(simulator().QTXSim_D2XX())
-        yield bench
-    finally:
-        radar.close_all()
-        library().FTx232H_SetD2XX(None)
-        simulator().QTXSim_Reset()
-        _running = False
+    return Bench(scene, time, radars, direct_coupling, noise)

@@ -39,7 +39,7 @@ FAILURES = [
     (lambda radar: radar.write_register(0x31, -1), ValueError, "does not fit"),
     (lambda radar: radar.board.program("K245"), ValueError, "QTX-K245"),
     (lambda radar: pulsekit3.open("SIM00009"), pulsekit3.NoRadar, "no radar 'SIM00009'"),
-    (lambda radar: pulsekit3.simulated().__enter__(), RuntimeError, "one in a process"),
+    (lambda radar: pulsekit3.simulated().start(), RuntimeError, "one in a process"),
     (lambda radar: pulsekit3.read_settings(__file__), ValueError, "no settings file"),
     (lambda radar: pulsekit3.read_frame_log(__file__), ValueError, ":1: no line of a frame log"),
 ]
