@@ -1,6 +1,7 @@
 // doctor: what keeps radars from working, and what to do about it.
 #include <algorithm>
 
+#include "FTx232H_D2XX.h"
 #include "commands.h"
 #include "geometry.h"
 #include "number.h"
@@ -75,6 +76,22 @@ void checkLibraries(Findings &findings) {
   }
 }
 
+// The library's lines: "<port>: <state>" with, where it can't be used, ": <cause>: <remedy>". Whether there are any.
+bool checkPorts(Findings &findings) {
+  char text[8192] = "";
+  FTx232H_DescribePorts(text, sizeof text);
+  for (const std::string &line : split(text, '\n')) {
+    const size_t port = line.find(": "), last = line.rfind(": ");
+    if (port == std::string::npos) continue;
+    const std::string name = line.substr(0, port), state = line.substr(port + 2);
+    // Later channels of a bridge are serial ports by nature.
+    const bool good = last == port || state.starts_with("no MPSSE");
+    good ? findings.good(name, state)
+         : findings.bad(name, line.substr(port + 2, last - port - 2), line.substr(last + 2));
+  }
+  return text[0] != '\0';
+}
+
 std::string identification(const Radar &radar) {
   const uint8_t command = 0x9f;
   uint8_t answer[3] = {};
@@ -133,9 +150,10 @@ void testSettings(const Radar &radar, Findings &findings) {
   if (wrong.empty()) findings.good("settings", "can give a good frame");
 }
 
-void testRadar(const Options &options, const Attached &attached, Findings &findings) {
+void testRadar(const Options &options, const Attached &attached, bool ports_told, Findings &findings) {
   const std::string name = cat("radar ", attached.serial);
   if (attached.held()) {
+    if (ports_told) return;
     findings.bad("bridge", attached.state(),
                  "close the other program; on Linux install the udev rule and unplug and plug in the bridge");
     return;
@@ -163,13 +181,16 @@ void doctor(const Options &options) {
   const Handle handle(options);
   checkLibraries(findings);
   std::vector<Attached> radars;
-  if (findings.wrong() == 0) findings.attempt("radars", [&] { radars = attachedRadars(handle); });
+  const bool serves = findings.wrong() == 0;
+  const bool ports_told = serves && checkPorts(findings);
+  if (serves) findings.attempt("radars", [&] { radars = attachedRadars(handle); });
   if (findings.wrong() == 0 && radars.empty()) {
     findings.bad("radars", "no bridge is attached",
                  "plug it in; on Linux see that the kernel lists it (lsusb, vendor 0403)");
   }
   for (const Attached &radar : radars) {
-    if (options.radar.empty() || matches(radar.connection, options.radar)) testRadar(options, radar, findings);
+    if (options.radar.empty() || matches(radar.connection, options.radar))
+      testRadar(options, radar, ports_told, findings);
   }
   options.json ? printJson(findings.json()) : findings.print();
   if (findings.wrong() > 0) throw Failure(counted(findings.wrong(), "finding"), "follow the remedies above");
