@@ -92,8 +92,9 @@ class Channel::Call {
 std::shared_ptr<Channel> Channel::open(Events &events, const Port &port, int *error) {
   const ActiveConfiguration configuration(port.device.get());
   const libusb_interface_descriptor *endpoints = configuration.interface(port.channel);
-  *error = endpoints ? LIBUSB_SUCCESS : configuration.error() ? configuration.error() : LIBUSB_ERROR_NOT_SUPPORTED;
-  if (!endpoints) return nullptr;
+  const bool usable = endpoints && endpoints->bNumEndpoints >= 2;
+  *error = usable || configuration.error() ? configuration.error() : LIBUSB_ERROR_NOT_SUPPORTED;
+  if (!usable) return nullptr;
 
   DeviceHandle handle = claim(port, error);
   for (int attempt = 1; mayPass(*error) && attempt < kOpenAttempts; ++attempt) {

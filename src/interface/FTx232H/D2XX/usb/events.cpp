@@ -1,7 +1,5 @@
 #include "events.h"
 
-#include <csignal>
-
 #include "../../../../platform/platform.h"
 
 namespace pulsekit::d2xx::usb {
@@ -12,23 +10,15 @@ namespace {
 constexpr timeval kLongestWait{0, 250'000};
 constexpr uint32_t kPauseAfterErrorMs = 10;
 
-// The host's signals are for the host's threads: those that begin in the scope get none.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before_);
-  }
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  SignalsBlocked(const SignalsBlocked &) = delete;
-  SignalsBlocked &operator=(const SignalsBlocked &) = delete;
-
- private:
-  sigset_t before_;
-};
-
 }  // namespace
+
+SignalsBlocked::SignalsBlocked() {
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before_);
+}
+
+SignalsBlocked::~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
 
 void Events::start() {
   const std::lock_guard guard(mutex_);

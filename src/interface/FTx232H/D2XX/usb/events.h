@@ -4,10 +4,23 @@
 #include <libusb.h>
 
 #include <atomic>
+#include <csignal>
 #include <mutex>
 #include <thread>
 
 namespace pulsekit::d2xx::usb {
+
+// The host's signals are for the host's threads: those that begin in the scope get none.
+class SignalsBlocked {
+ public:
+  SignalsBlocked();
+  ~SignalsBlocked();
+  SignalsBlocked(const SignalsBlocked &) = delete;
+  SignalsBlocked &operator=(const SignalsBlocked &) = delete;
+
+ private:
+  sigset_t before_;
+};
 
 // It runs while there are channels open: a process that has none open pays nothing.
 class Events {

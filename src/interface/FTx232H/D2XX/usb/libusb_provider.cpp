@@ -75,6 +75,7 @@ Provider *provider(const char **reason) {
   libusb_context *context = nullptr;
   *reason = "this system has no USB";
   if (!platform::hasUsb()) return nullptr;
+  const SignalsBlocked blocked;  // for libusb's own thread
   const int error = libusb_init(&context);
   *reason = libusb_strerror(static_cast<libusb_error>(error));
   if (error) return nullptr;
