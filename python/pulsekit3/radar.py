@@ -115,7 +115,7 @@ class Radar:
     def __init__(self) -> None:
         self._lock = threading.RLock()
         self._types: dict[str, int] = {}
-        self._items: dict[str, dict[int, str]] = {}
+        self._items: dict[str, tuple[tuple[int, str], ...]] = {}
         self._lists: dict[str, tuple[str, ...]] = {}
         self._models: list[str] = []
         self.attached: Optional[Attached] = None  #: what is open

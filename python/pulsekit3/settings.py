@@ -187,7 +187,7 @@ class Settings:
             writable=bool(writable.value),
             minimum=minimum,
             maximum=maximum,
-            items=tuple(self._items(name).values()) if kind == _ITEM else (),
+            items=tuple(text for _, text in self._items(name)) if kind == _ITEM else (),
             unit=meaning.unit,
             meaning=meaning.help,
             basic=meaning.basic,
@@ -244,15 +244,16 @@ class Settings:
     def _value(self, name: str, kind: int) -> Value:
         word = ctypes.c_uint64()
         self._radar._call("QTX_VarGetValue_ByName", encoded(name), ctypes.byref(word))
-        return self._items(name).get(word.value, word.value) if kind == _ITEM else _number(word.value, kind)
+        return dict(self._items(name)).get(word.value, word.value) if kind == _ITEM else _number(word.value, kind)
 
-    def _items(self, name: str) -> dict[int, str]:
-        """Symbol numbers and texts of an enumeration."""
+    def _items(self, name: str) -> tuple[tuple[int, str], ...]:
+        """Symbol numbers and texts of an enumeration, in which an item may stand twice."""
         known = self._radar._items.get(name)
         if known is None:
             symbols, count = (ctypes.c_uint32 * 256)(), ctypes.c_int32(256)
             self._radar._call("QTX_VarGetEnumsItems_ByName", encoded(name), symbols, ctypes.byref(count))
-            known = self._radar._items[name] = {symbol: self._symbol(name, symbol) for symbol in symbols[: count.value]}
+            known = tuple((symbol, self._symbol(name, symbol)) for symbol in symbols[: count.value])
+            self._radar._items[name] = known
         return known
 
     def _symbol(self, name: str, symbol: int) -> str:
@@ -276,7 +277,7 @@ class Settings:
         return str(int(number)) if kind == _INTEGER else self._item(name, int(number))
 
     def _item(self, name: str, index: int) -> str:
-        items = list(self._items(name).values())
+        items = [text for _, text in self._items(name)]
         if 0 <= index < len(items):
             return items[index]
         raise errors.own(1286, f"{name} has {len(items)} items, none with index {index}", f"take one of {', '.join(items)}")
@@ -285,7 +286,7 @@ class Settings:
         name = decoded(change.name)
         words = (change.before, change.after)
         if change.type == _ITEM:
-            before, after = (self._items(name).get(word, str(word)) for word in words)
+            before, after = (dict(self._items(name)).get(word, str(word)) for word in words)
             return Change(before, after, bool(change.automatic))
         return Change(_number(words[0], change.type), _number(words[1], change.type), bool(change.automatic))
 

@@ -81,6 +81,10 @@ class Python(unittest.TestCase):
         moved = self.settings.update(FrameStitch=numpy.int64(3), SPIClockFrequency="30MHz")
         self.assertEqual(moved["SamplersPerFrame"], (256, 768, True))
         self.assertEqual(self.settings.as_dict(fixed=True), {"FrameStitch": 3, "SPIClockFrequency": "30MHz"})
+        self.bench.add_radar(chip="QTX3500", serial="OLD")
+        with pulsekit3.open("OLD") as old:  # where an item stands twice
+            old.settings.PulseGen = 3
+            self.assertEqual((old.settings["PulseGen"].items[3], old.settings.PulseGen), ("Off", "Off"))
         self.radar.save("kept.set")
         self.assertEqual(self.settings.reset()["FrameStitch"], (3, 1, True))
         kept = pulsekit3.read_settings("kept.set")
