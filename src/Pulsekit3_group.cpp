@@ -313,7 +313,9 @@ int32_t Group::goBack(int32_t code, TracePoint at) {
     before_.restore();
     // What was switched last goes back first: a power that is off would let nothing be written.
     std::reverse(order_.begin(), order_.end());
-    if (touched_) writeMoved(reached, at);
+    // The first operation after a failed one may fail because of it.
+    for (int attempt = 0; touched_ && attempt < 3 && writeMoved(reached, at) != kSuccess; ++attempt) {
+    }
   } catch (const std::bad_alloc &) {
     before_.restore();
   }

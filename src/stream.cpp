@@ -102,7 +102,12 @@ void Stream::noteWrittenRegister() {
 
 int32_t Stream::park() {
   parked_ = true;
-  if (int32_t code = runProgram(bridge(), park_, nullptr)) return passThrough(handle_->error, HERE, code);
+  const QTX_StackTrace kept = handle_->error ? *handle_->error : QTX_StackTrace{};
+  int32_t code = runProgram(bridge(), park_, nullptr);
+  // The first operation after a failed one may fail because of it; a window left elsewhere would spoil later frames.
+  if (code && !endsWait(code)) code = runProgram(bridge(), park_, nullptr);
+  if (code) return passThrough(handle_->error, HERE, code);
+  if (handle_->error) *handle_->error = kept;
   return kSuccess;
 }
 
