@@ -49,13 +49,14 @@ int32_t QTX_InitHandle(QTX_Handle **handle_out) {
 int32_t QTX_FreeHandle(QTX_Handle **handle_slot) {
   if (!handle_slot || !*handle_slot) return kSuccess;
   QTX_Handle *handle = *handle_slot;
-  destroyHandleState(handle);
+  *handle_slot = nullptr;
+  // One that has been freed already, or a host's own, is left alone.
+  if (!destroyHandleState(handle)) return kSuccess;
   releaseLeftInterface(handle);
   QTX_StackTraceFree(&handle->error);
   delete handle->connection_info;
   if (handle->frame_log) std::fclose(handle->frame_log);
   delete handle;
-  *handle_slot = nullptr;
   return kSuccess;
 }
 

@@ -491,6 +491,7 @@ int32_t failedWith(const QTX_Handle *handle, int32_t code, const char *name, dou
 
 extern "C" int32_t QTX_GetErrorAdvice(QTX_Handle *handle, char *text, int32_t size) try {
   if (int32_t code = checkCall(handle, HERE, text)) return code;
+  if (!stateOf(handle)) return kRadarNotInitialized;
   if (size <= 0) return kBufferTooSmall;
   text[0] = '\0';
   if (!handle->error || handle->error->code == kSuccess) return kSuccess;

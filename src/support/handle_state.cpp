@@ -31,12 +31,13 @@ int32_t endWait(HandleState &state, int32_t code) {
 
 bool createHandleState(const QTX_Handle *handle) { return registry.add(handle) != nullptr; }
 
-void destroyHandleState(const QTX_Handle *handle) {
+bool destroyHandleState(const QTX_Handle *handle) {
   HandleState *state = registry.find(handle);
-  if (!state) return;
+  if (!state) return false;
   // They go once the handle has no state any more.
   const HandleParts parts = std::exchange(static_cast<HandleParts &>(*state), {});
   registry.remove(handle);
+  return true;
 }
 
 HandleState *stateOf(const QTX_Handle *handle) { return registry.find(handle); }

@@ -36,9 +36,10 @@ struct HandleState : HandleParts {
   uint64_t grace_until = 0;  // us: what puts things in order behind that may wait until then
 };
 
-// False when memory is short. Destroying a state that is not there does nothing.
+// False when memory is short.
 bool createHandleState(const QTX_Handle *handle);
-void destroyHandleState(const QTX_Handle *handle);
+// False where there is none.
+bool destroyHandleState(const QTX_Handle *handle);
 
 // Null where there is none; valid until the handle is freed.
 HandleState *stateOf(const QTX_Handle *handle);

@@ -34,8 +34,10 @@ TEST(HandleState, EndsTheWaitsOfTheCallInProgressOnly) {
   Deadline outside(handle, 0);
   EXPECT_EQ(waitCheck(handle, outside), kWaitedTooLong) << "of a function of the layers";
   EXPECT_EQ(cancelCheck(handle), 0);
+  QTX_Handle *again = handle;
   QTX_FreeHandle(&handle);
-  EXPECT_FALSE(cancelCall(handle));
+  EXPECT_FALSE(cancelCall(again));
+  EXPECT_EQ(QTX_FreeHandle(&again), 0) << "a second time";
   Deadline none(nullptr, 0), endless(nullptr);
   EXPECT_EQ(waitCheck(nullptr, none), kWaitedTooLong);
   EXPECT_EQ(waitCheck(nullptr, endless), 0);

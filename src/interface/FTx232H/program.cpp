@@ -423,6 +423,9 @@ int32_t order(InterfaceHandle *bridge, BusProgram &program, uint64_t pause, Prog
   const size_t length = FTx232H_pauseLength(pause) + made.stream.size();
   if (!fits(*connection, program, length, pause)) return origin(record, HERE, kBufferTooSmall);
 
+  // From here on nothing runs out of memory: neither a half-ordered program nor one that is cut.
+  programs.batch.reserve(programs.batch.size() + length);
+  programs.rest.reserve(programs.batch.size() + length);
   FTx232H_appendPause(programs.batch, pause);
   programs.batch.insert(programs.batch.end(), made.stream.begin(), made.stream.end());
   run.done = false;
