@@ -88,6 +88,12 @@ TEST_F(Geometry, CalibrationPutsTheWindowWhereTheSettingsSay) {
   EXPECT_EQ(QTX_Calibrate(handle, -1), 1537);
   EXPECT_EQ(settings(handle), kept);
   EXPECT_EQ(findings(), "0, 0: ");
+  double before = 0, now = 0;
+  QTXSim_TrueWindowStart(0, &before);
+  QTXSim_FailCall("Read", 9000, 1, 4);
+  EXPECT_EQ(QTX_Calibrate(handle, -1), 264) << "a poll that failed";
+  QTXSim_TrueWindowStart(0, &now);
+  EXPECT_EQ(now, before);
   QTXSim_SetReferenceClock(0, 0);
   EXPECT_NE(QTX_Calibrate(handle, -1), 0);
   EXPECT_EQ(settings(handle), kept);

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "../../support/handle_state.h"
@@ -20,6 +21,10 @@ namespace {
 
 // Settings that follow from the sample delay by way of the measured steps.
 constexpr const char *kWindowSettings[] = {"StaggeredPRFDelay", "SDCT", "SDMT", "SDFT"};
+
+// What a measurement moves and moves back.
+constexpr const char *kMovedSettings[] = {
+    "SDFT", "SDMT", "SDCT", "SPDCT", "SPDMT", "SPDFT", "StaggeredPRFEnable", "SDFTEnable", "SPDFTEnable"};
 
 double number(VariableSet *set, const char *name) { return static_cast<double>(setting(set, name)); }
 
@@ -122,11 +127,17 @@ class Before {
     std::copy(variables_.begin(), variables_.end(), set->variables);
     *timingRecordOf(set) = record_;
     notePreparedElsewhere(chip_, prepared_elsewhere_);
+    // The first operation after a failed one may fail because of it.
+    bool again = true;
+    const auto write = [&](Variable *variable) {
+      if (varUpdateBackend(set, variable) && std::exchange(again, false)) varUpdateBackend(set, variable);
+    };
     for (int32_t i = 0; i < set->count; ++i) {
       Variable *variable = &set->variables[set->order[i].index];
-      if (variable->value != reached[static_cast<size_t>(varIndex(set, variable))].value)
-        varUpdateBackend(set, variable);
+      if (variable->value != reached[static_cast<size_t>(varIndex(set, variable))].value) write(variable);
     }
+    // These may be back as values only.
+    for (const char *name : kMovedSettings) write(varNamed(set, name));
   }
 
  private:
@@ -141,7 +152,10 @@ int32_t measureAndApply(ChipHandle *chip) {
   // A chip that has lost its power in between knows none of its settings.
   if (int32_t code = varsUpdateAllBackends(set)) return code;
   if (int32_t code = CHIP(TMeasPrepare)(set)) return code;
+  noteLostPoll(chip, kSuccess);
   if (int32_t code = CHIP(measurementAll)(set)) return code;
+  // A measurement may have been read out before its end.
+  if (int32_t code = lostPoll(chip)) return origin(chip->error_state, HERE, code, "A measurement's end was not seen");
   for (const char *name : {"DelayCoarseTune", "DelayMediumTune", "SamplesPerSecond"}) {
     const double value = realSetting(set, name);
     if (std::isfinite(value) && value > 0) continue;

@@ -77,7 +77,10 @@ int32_t waitWhile(VariableSet *set, uint8_t address, uint32_t byte_count, uint64
   Deadline deadline(accessOf(set));
   for (;;) {
     uint64_t status = 0;
-    if (int32_t code = CHIP(ReadRegister)(accessOf(set), address, byte_count, &status)) return code;
+    if (int32_t code = CHIP(ReadRegister)(accessOf(set), address, byte_count, &status)) {
+      noteLostPoll(chipOf(set), code);
+      return code;
+    }
     if ((status & busy) == 0) return kSuccess;
     if (int32_t code = waitCheck(accessOf(set), deadline)) {
       return origin(set->error_state, HERE, code, "Waiting for the end of a measurement");

@@ -96,6 +96,12 @@ inline void notePreparedElsewhere(ChipHandle *chip, bool elsewhere) {
   if (isOwnRecord(chip)) chip->prepared_elsewhere = elsewhere;
 }
 
+// The code of the last read of the measurement's status that failed.
+inline int32_t lostPoll(const ChipHandle *chip) { return isOwnRecord(chip) ? chip->lost_poll : int32_t{kSuccess}; }
+inline void noteLostPoll(ChipHandle *chip, int32_t code) {
+  if (isOwnRecord(chip)) chip->lost_poll = code;
+}
+
 // How long the short wait counts at a master clock frequency.
 constexpr int32_t waitIterations(int32_t frequency) {
   if (frequency > 25'000'000) return 0;
