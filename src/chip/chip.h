@@ -46,7 +46,7 @@ struct ChipHandle {
   QTX_StackTrace *error_state;
   /* Private from here on; a record that a host has made itself ends above (own_records.h). */
   uint32_t prepared_elsewhere; /* 1: the timing record's preparation was loaded with it, not made on this hardware */
-  int32_t lost_poll;           /* the code of the last read of a measurement's status that failed */
+  int32_t lost_poll;           /* the code of a read of a measurement's status that failed */
 };
 
 QTX_API int32_t chipListSupportedChips(char *buffer, int32_t size);

@@ -78,7 +78,7 @@ int32_t waitWhile(VariableSet *set, uint8_t address, uint32_t byte_count, uint64
   for (;;) {
     uint64_t status = 0;
     if (int32_t code = CHIP(ReadRegister)(accessOf(set), address, byte_count, &status)) {
-      noteLostPoll(chipOf(set), code);
+      if (!lostPoll(chipOf(set))) noteLostPoll(chipOf(set), code);
       return code;
     }
     if ((status & busy) == 0) return kSuccess;

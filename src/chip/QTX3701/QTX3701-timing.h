@@ -96,7 +96,7 @@ inline void notePreparedElsewhere(ChipHandle *chip, bool elsewhere) {
   if (isOwnRecord(chip)) chip->prepared_elsewhere = elsewhere;
 }
 
-// The code of the last read of the measurement's status that failed.
+// The code of the first read of a measurement's status that failed since it was noted as 0.
 inline int32_t lostPoll(const ChipHandle *chip) { return isOwnRecord(chip) ? chip->lost_poll : int32_t{kSuccess}; }
 inline void noteLostPoll(ChipHandle *chip, int32_t code) {
   if (isOwnRecord(chip)) chip->lost_poll = code;
