@@ -17,13 +17,17 @@ namespace pulsekit::benchmark {
 
 constexpr char kConnection[] = "FTx232H!Serial No: (FT0001AB)!QTX-K245!QTX3701";
 
+inline void plugIn() {
+  QTXSim_Reset();
+  QTXSim_SetRecording(0);
+  QTXSim_AddRadar("FT0001AB", "Radar", QTXSIM_FT232H, "QTX-K245", "QTX3701");
+  FTx232H_SetD2XX(QTXSim_D2XX());
+}
+
 class Radar {
  public:
   Radar() {
-    QTXSim_Reset();
-    QTXSim_SetRecording(0);
-    QTXSim_AddRadar("FT0001AB", "Radar", QTXSIM_FT232H, "QTX-K245", "QTX3701");
-    FTx232H_SetD2XX(QTXSim_D2XX());
+    plugIn();
     require(QTX_InitHandle(&handle));
   }
   ~Radar() {
