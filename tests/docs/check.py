@@ -67,6 +67,17 @@ def check_programs(text, folder):
         run = subprocess.run([sys.executable, "-c", program], env=ENVIRONMENT, capture_output=True, text=True)
         if run.returncode or "SIM00001" not in run.stdout:
             yield f"Python: {run.stdout}{run.stderr}"
+    # The pieces of a document are one program.
+    if pieces := "".join(blocks("cpp", text)):
+        includes = "\n".join(re.findall("^#include .*", pieces, re.M))
+        source, program = pathlib.Path(folder, "piece.cpp"), pathlib.Path(folder, "piece")
+        source.write_text(f"{includes}\nint main() {{\n{re.sub('#include .*', '', pieces)}}}\n")
+        options = ["-std=c++17", f"-I{ROOT}/include", f"-L{BUILD}", "-lPulsekit3", "-o", program]
+        for command in ["c++", source, *options], [program]:
+            run = subprocess.run(command, cwd=folder, env=ENVIRONMENT, capture_output=True, text=True)
+            if run.returncode:
+                yield f"C++: {run.stdout}{run.stderr}"
+                break
 
 
 def check_commands(text, folder):

@@ -31,6 +31,10 @@ export PKG_CONFIG_PATH=$work/unpacked/usr/lib/pkgconfig
 compile=$(grep '^cc first.c' "$2")
 (cd "$work" && eval "$compile -Wall -Wextra -Werror")
 
+# The C++ header, as it is installed.
+cp "$(dirname "$2")/examples/first_frame.cpp" "$work"
+(cd "$work" && eval "c++ -std=c++17 first_frame.cpp -o third -Wall -Wextra -Werror $(pkg-config --cflags --libs pulsekit3)")
+
 # The root: the packages that the dependencies need, as this system's dpkg knows them, and those of a shell.
 mkdir -p "$root"/{dev,tmp,usr/{bin,sbin,lib,lib64},var/lib/dpkg/{info,updates}}
 for folder in bin sbin lib lib64; do ln -s usr/$folder "$root/$folder"; done
@@ -55,9 +59,11 @@ files >"$work/before"
 quietly dpkg --root="$root" --log="$work/dpkg.log" --install "$package"
 cp "$work/first" "$root/tmp"
 cp "$work/build/first" "$root/tmp/second"
+cp "$work/third" "$root/tmp"
 inside() { env -i PATH=/usr/bin PULSEKIT3_BRIDGE_LIBRARY=libPulsekit3Simulator.so "$(command -v chroot)" "$root" "$@"; }
 inside /tmp/first | grep -x 'level at the first sampler: [0-9.]* %'
 inside /tmp/second | grep -x 'level at the first sampler: [0-9.]* %'
+inside /tmp/third | grep '^256 levels'
 if [ -e "$root/usr/bin/pulsekit" ]; then inside pulsekit list | grep SIM00001; fi
 rm "$root"/tmp/*
 quietly dpkg --root="$root" --log="$work/dpkg.log" --purge pulsekit3
