@@ -68,7 +68,7 @@ def check_programs(text, folder):
         if run.returncode or "SIM00001" not in run.stdout:
             yield f"Python: {run.stdout}{run.stderr}"
     # The pieces of a document are one program.
-    if pieces := "".join(blocks("cpp", text)):
+    if "pulsekit3.hpp" in (pieces := "".join(blocks("cpp", text))):
         includes = "\n".join(re.findall("^#include .*", pieces, re.M))
         source, program = pathlib.Path(folder, "piece.cpp"), pathlib.Path(folder, "piece")
         source.write_text(f"{includes}\nint main() {{\n{re.sub('#include .*', '', pieces)}}}\n")

@@ -126,8 +126,9 @@ void load(Search &search, const char *file_name) {
   report("loaded", "");
   search.table = table;
   search.found = Search::Found::Library;
-  // Once loaded, the library stays: a host may close devices while the process ends.
-  static const SharedLibrary *kept = nullptr;
+  // Once loaded, the library stays: a host may close devices while the process ends. Volatile, since optimizing would
+  // drop a pointer that nobody reads, and a host's leak checker would miss it.
+  static const SharedLibrary *volatile kept = nullptr;
   kept = library.release();
   static_cast<void>(kept);
 }
