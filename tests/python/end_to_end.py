@@ -101,10 +101,10 @@ class Python(unittest.TestCase):
         pathlib.Path("levels.log").write_bytes(pathlib.Path("levels.log").read_bytes()[:-1])
         log = pulsekit3.read_frame_log("levels.log")
         self.assertTrue((log.values == frames[:39].astype(log.values.dtype)).all() and log.left_over > 0)
-        for frame in self.radar.stream(100):
+        for frame in self.radar.stream(10):  # so slow that no busy machine makes gaps
             if frame.number == 3:
                 break
-        self.assertEqual((round(frame.time, 6), pickle.loads(pickle.dumps(frame)).number), (0.03, 3))
+        self.assertEqual((round(frame.time, 6), pickle.loads(pickle.dumps(frame)).number), (0.3, 3))
         self.assertEqual(self.radar.frame().shape, self.radar.ranges().shape)  # the stream has ended with the loop
         with self.radar.stream(kind="float") as stream:
             self.settings.FrameStitch = 15
@@ -124,9 +124,9 @@ class Python(unittest.TestCase):
             self.assertRaisesRegex(ImportError, "python3-matplotlib", self.radar.plot)
         axes = unittest.mock.MagicMock()
         self.radar.plot(ax=axes)
-        self.radar.waterfall(100, 5, ax=axes)
+        self.radar.waterfall(10, 5, ax=axes)
         _, times, values = axes.pcolormesh.call_args.args
-        self.assertEqual((values.shape, times.round(6).tolist()), ((5, 256), [0, 0.01, 0.02, 0.03, 0.04]))
+        self.assertEqual((values.shape, times.round(6).tolist()), ((5, 256), [0, 0.1, 0.2, 0.3, 0.4]))
 
     def test_types_of_the_library(self):
         declared = " ".join(pathlib.Path(header).read_text() for header in HEADERS)
