@@ -1,4 +1,4 @@
-"""Holds a language's way of calling the library to the table of cases. usage: run.py PROGRAM [ARGUMENT...]
+"""Holds a language's way of calling the library to the table of cases. usage: run.py [--only NAME,...] PROGRAM [ARGUMENT...]
 
 The program gets a call a line, its arguments behind tabs, and answers each with a line, as cases.c does. PULSEKIT3_BRIDGE_LIBRARY
 names the simulator.
@@ -23,8 +23,13 @@ def same(wanted, got):
 
 lines = (pathlib.Path(__file__).parent / 'cases.txt').read_text().splitlines()
 rows = [[cell.strip() for cell in line.split('|')] for line in lines if line and not line.startswith('#')]
+words = sys.argv[1:]
+if words[0] == '--only':
+    names = words[1].split(',')
+    rows = [row for row in rows if row[0] in names]
+    words = words[2:]
 calls = '\n'.join('\t'.join(shlex.split(call)) for _, call, _ in rows)
-command = [os.path.abspath(word) if os.path.exists(word) else word for word in sys.argv[1:]]
+command = [os.path.abspath(word) if os.path.exists(word) else word for word in words]
 environment = os.environ | {'PULSEKIT3_SIMULATED_TIME': 'deterministic'}
 with tempfile.TemporaryDirectory() as folder:
     run = subprocess.run(command, input=calls, capture_output=True, text=True, cwd=folder, env=environment, timeout=120)
