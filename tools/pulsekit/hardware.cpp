@@ -13,6 +13,7 @@ namespace {
 
 constexpr uint64_t kFlashEnd = 0x1000000;  // what 24 address bits reach
 constexpr size_t kBlock = 4096;            // what is erased together
+constexpr size_t kPart = 65536;            // what is read together: the most that the bridge gives at once
 constexpr size_t kBoardName = 31, kBoardId = 32, kBoardInformation = 64;
 
 uint8_t *bytesOf(std::string &text) { return reinterpret_cast<uint8_t *>(text.data()); }
@@ -42,20 +43,23 @@ std::string dumpLine(uint64_t address, std::string_view bytes) {
   return cat(hex(address, 6), "  ", numbers, ' ', text, '\n');
 }
 
-std::string readBlock(const Radar &radar, uint64_t address) {
-  std::string block(kBlock, '\0');
-  radar.check(QTX_ModuleReadFlashMemory(radar, static_cast<uint32_t>(address), bytesOf(block), kBlock));
-  return block;
+std::string readPart(const Radar &radar, uint64_t address, uint64_t length) {
+  std::string part(length, '\0');
+  radar.check(
+      QTX_ModuleReadFlashMemory(radar, static_cast<uint32_t>(address), bytesOf(part), static_cast<int32_t>(length)));
+  return part;
 }
+
+std::string readBlock(const Radar &radar, uint64_t address) { return readPart(radar, address, kBlock); }
 
 std::string readFlash(const Radar &radar, uint64_t address, uint64_t length) {
   const uint64_t first = address / kBlock * kBlock, end = address + length;
-  Progress progress("reading", (end - first + kBlock - 1) / kBlock);
+  Progress progress("reading", (end - first + kPart - 1) / kPart);
   std::string content;
-  for (uint64_t block = first; block < end; block += kBlock) {
-    content += readBlock(radar, block);
-    progress.reached((block - first) / kBlock + 1);
-    if (interrupted() && block + kBlock < end) throw Failure("interrupted", "nothing was written; start it again");
+  for (uint64_t part = first; part < end; part += kPart) {
+    content += readPart(radar, part, std::min<uint64_t>(kPart, end - part));
+    progress.reached((part - first) / kPart + 1);
+    if (interrupted() && part + kPart < end) throw Failure("interrupted", "nothing was written; start it again");
   }
   return content.substr(address - first, length);
 }
