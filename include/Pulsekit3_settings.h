@@ -29,10 +29,11 @@ typedef struct QTX_Change {
    others: the chip's in evaluation order, then the module's, then the bridge's. *change_count: entries there is room
    for; afterwards how many have moved. With changes null and *change_count 0 none are written; with too little room
    nothing is set and the code is 2. DCOTargetFrequency is tuned where it stands in the order, which takes writes of its
-   own. After a failure everything is as it was, as far as the radar still takes it. 1283, 1285 and 1286: the message
-   names the variable, nothing has been written. 1281: a register does not keep its value, the message names it, the old
-   settings have been written back. 1537, 1538: cancelled, or waited too long for the end of a sweep; and the codes of
-   the bridge. */
+   own.
+   After a failure everything is as it was, as far as the radar still takes it. Codes, besides those of the bridge:
+   - 1283, 1285, 1286: the message names the variable, nothing has been written
+   - 1281: a register does not keep its value; the message names it, the old settings have been written back
+   - 1537, 1538: cancelled, or waited too long for the end of a sweep */
 QTX_API int32_t QTX_VarsSetMany(QTX_Handle *handle, const char *const *names, const char *const *values, uint32_t count,
                                 QTX_Change *changes, uint32_t *change_count);
 

@@ -9,7 +9,8 @@
  * unchanged that is started with PULSEKIT3_BRIDGE_LIBRARY naming this library. Unless radars were added before, the first
  * such call plugs in one FT232H, serial number SIM00001, with a QTX-K245 and a QTX3701; the record is off. From the
  * environment:
- *   PULSEKIT3_SCENE            a scene file (QTXSim_LoadScene); none: the scene that a chip sees until one is set
+ *   PULSEKIT3_SCENE            a scene file (QTXSim_LoadScene), which may say which radars there are, too; none: the
+ *                              scene that a chip sees until one is set
  *   PULSEKIT3_SIMULATED_TIME   real (the default: calls take as long as on hardware), host, or deterministic (quick)
  *   PULSEKIT3_SIMULATED_BRIDGE FT232H (the default), FT2232H or FT4232H
  *   PULSEKIT3_SIMULATED_CHIP   QTX3701 (the default), another model, or none: a board with its flash alone

@@ -8,12 +8,16 @@
 
 #include "base/System.h"
 #include "host/Bench.h"
+#include "world/Scene.h"
 
 namespace {
 
 using pulsekit::simulator::bench;
 using pulsekit::simulator::environment;
 using pulsekit::simulator::lockBench;
+using pulsekit::simulator::readScene;
+using pulsekit::simulator::Scene;
+using pulsekit::simulator::SceneRadar;
 
 struct TimeName {
   const char *name;
@@ -25,9 +29,9 @@ constexpr TimeName kTimes[] = {
 constexpr const char *kSerial = "SIM00001";
 constexpr std::string_view kBridges[] = {"FT232H", "FT2232H", "FT4232H"};  // QTXSIM_FT232H, ...
 
-bool hostHasBench() {
+bool exists(int32_t device) {
   auto lock = lockBench();
-  return bench().device(0) != nullptr;
+  return bench().device(device) != nullptr;
 }
 
 // What is wrong with the environment; empty when nothing is.
@@ -60,9 +64,44 @@ bool addRadar(Fault &fault) {
   return refuse(fault, "PULSEKIT3_SIMULATED_CHIP", chip, "QTX3400, QTX3500, QTX3701, QTX3702, none");
 }
 
+bool addRadar(const SceneRadar &radar) {
+  const auto *bridge = std::find(std::begin(kBridges), std::end(kBridges), radar.bridge);
+  if (bridge == std::end(kBridges)) return false;
+  const auto text = [](const std::optional<std::string> &part) { return part ? part->c_str() : nullptr; };
+  const int32_t device = QTXSim_AddRadar(radar.serial.c_str(), "Simulated radar",
+                                         static_cast<int32_t>(bridge - kBridges), text(radar.board), text(radar.chip));
+  return device >= 0 && QTXSim_SetHeld(device, radar.held) == 0;
+}
+
+std::string addRadars(const Scene &scene) {
+  for (const SceneRadar &radar : scene.radars) {
+    if (!addRadar(radar)) return "there can be no radar " + radar.serial + " like this";
+  }
+  return "";
+}
+
+// To all that have a chip to look with.
+std::string show(const std::string &path) {
+  char error[256] = "";
+  for (int32_t device = 0; exists(device); ++device) {
+    double rate = 0;
+    const bool looks = QTXSim_TrueSamplesPerSecond(device, &rate) == 0;
+    if (looks && QTXSim_LoadScene(device, path.c_str(), error, sizeof error) != 0) return error;
+  }
+  return "";
+}
+
 Fault arrange() {
   Fault fault;
-  if (hostHasBench() || !addRadar(fault)) return fault;
+  if (exists(0)) return fault;
+  const std::string path = environment("PULSEKIT3_SCENE", "");
+  std::string scene_fault;
+  const std::optional<Scene> scene = path.empty() ? std::nullopt : readScene(path, scene_fault);
+  if (scene && !scene->radars.empty()) {
+    scene_fault = addRadars(*scene);
+  } else if (!addRadar(fault)) {
+    return fault;
+  }
   // Nobody asks for the record; a long run would only fill memory with it.
   QTXSim_SetRecording(0);
   const std::string time = environment("PULSEKIT3_SIMULATED_TIME", "real");
@@ -70,11 +109,8 @@ Fault arrange() {
     refuse(fault, "PULSEKIT3_SIMULATED_TIME", time, "real, host, deterministic");
     return fault;
   }
-  const std::string scene = environment("PULSEKIT3_SCENE", "");
-  char error[256] = "";
-  if (!scene.empty() && QTXSim_LoadScene(0, scene.c_str(), error, sizeof error) != 0) {
-    std::snprintf(fault.text, sizeof fault.text, "PULSEKIT3_SCENE: %s", error);
-  }
+  if (scene && scene_fault.empty()) scene_fault = show(path);
+  if (!scene_fault.empty()) std::snprintf(fault.text, sizeof fault.text, "PULSEKIT3_SCENE: %s", scene_fault.c_str());
   return fault;
 }
 

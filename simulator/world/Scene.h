@@ -40,8 +40,16 @@ struct SamplingWindow {
   bool operator==(const SamplingWindow &) const = default;
 };
 
+// A radar that looks at it.
+struct SceneRadar {
+  std::string serial = "SIM00001", bridge = "FT232H";
+  std::optional<std::string> board = "QTX-K245", chip = "QTX3701";
+  bool held = false;  // by another program
+};
+
 class Scene {
  public:
+  std::vector<SceneRadar> radars;  // none: it is the user's business who looks
   std::vector<Reflector> reflectors;
   double directCoupling = 0;                     // amplitude at zero range, in threshold-DAC codes
   double noise = 0;                              // standard deviation, in threshold-DAC codes
@@ -65,6 +73,12 @@ Scene defaultScene();
 //   motion = "still"                                          # the default, or
 //   motion = "speed"     with  speed = 0.5                    # m/s, away from the radar
 //   motion = "breathing" with  amplitude = 0.004, rate = 0.25 # m, Hz
+//   [[radar]]                          # as many as there are to be, each with any of
+//   serial = "SIM00001"
+//   bridge = "FT232H"                  # or FT2232H, FT4232H
+//   board = "QTX-K245"                 # "": never programmed; "none"
+//   chip = "QTX3701"                   # or another one; "none"
+//   held = true                        # by another program
 // Nothing, and a message that names the place, for anything else.
 std::optional<Scene> readScene(const std::string &path, std::string &error);
 std::optional<Scene> parseScene(const std::string &text, const std::string &name, std::string &error);

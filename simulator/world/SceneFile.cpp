@@ -100,20 +100,54 @@ Reflector readReflector(const toml::table &table) {
   return reflector;
 }
 
+std::string textOr(const toml::table &table, std::string_view name, const std::string &fallback) {
+  const toml::node *node = table.get(name);
+  if (!node) return fallback;
+  if (!node->is_string()) throw SceneError("'" + std::string(name) + "' must be a text", node->source());
+  return node->value_or(std::string());
+}
+
+std::optional<std::string> partOr(const toml::table &table, std::string_view name,
+                                  const std::optional<std::string> &fallback) {
+  const std::string text = textOr(table, name, *fallback);
+  return text == "none" ? std::nullopt : std::optional(text);
+}
+
+SceneRadar readRadar(const toml::table &table) {
+  allowOnly(table, {"serial", "bridge", "board", "chip", "held"});
+  SceneRadar radar;
+  radar.serial = textOr(table, "serial", radar.serial);
+  radar.bridge = textOr(table, "bridge", radar.bridge);
+  radar.board = partOr(table, "board", radar.board);
+  radar.chip = radar.board ? partOr(table, "chip", radar.chip) : std::nullopt;
+  radar.held = table["held"].value_or(false);
+  return radar;
+}
+
+// Calls for each table of [[name]].
+template <typename Read>
+void forEach(const toml::table &table, std::string_view name, const Read &read) {
+  const toml::node *tables = table.get(name);
+  if (!tables) return;
+  const auto fail = [&](const toml::node &node) {
+    throw SceneError("'" + std::string(name) + "' must be written as [[" + std::string(name) + "]]", node.source());
+  };
+  if (!tables->is_array()) fail(*tables);
+  for (const toml::node &node : *tables->as_array()) {
+    if (!node.is_table()) fail(node);
+    read(*node.as_table());
+  }
+}
+
 Scene readTable(const toml::table &table) {
-  allowOnly(table, {"noise", "direct_coupling", "unplugged_at", "plugged_at", "reflector"});
+  allowOnly(table, {"noise", "direct_coupling", "unplugged_at", "plugged_at", "reflector", "radar"});
   Scene scene;
   scene.noise = numberOr(table, "noise", 0);
   scene.directCoupling = numberOr(table, "direct_coupling", 0);
   if (table.contains("unplugged_at")) scene.unpluggedAt = numberOf(table, "unplugged_at");
   if (table.contains("plugged_at")) scene.pluggedAt = numberOf(table, "plugged_at");
-  const toml::node *reflectors = table.get("reflector");
-  if (!reflectors) return scene;
-  if (!reflectors->is_array()) throw SceneError("'reflector' must be written as [[reflector]]", reflectors->source());
-  for (const toml::node &node : *reflectors->as_array()) {
-    if (!node.is_table()) throw SceneError("'reflector' must be written as [[reflector]]", node.source());
-    scene.reflectors.push_back(readReflector(*node.as_table()));
-  }
+  forEach(table, "reflector", [&](const toml::table &each) { scene.reflectors.push_back(readReflector(each)); });
+  forEach(table, "radar", [&](const toml::table &each) { scene.radars.push_back(readRadar(each)); });
   return scene;
 }
 

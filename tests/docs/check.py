@@ -95,11 +95,23 @@ def check_commands(text, folder):
             yield f"{command}: exit code {run.returncode}: {run.stderr}"
 
 
+def check_mentions(text):
+    """Commands and options that are named within the text."""
+    for mention in re.findall(r"`pulsekit ([a-z][^`]*)`", text):
+        command = mention.split()[0]
+        if command not in HELP:
+            HELP[command] = subprocess.run([BUILD / "pulsekit", command, "--help"], capture_output=True, text=True).stdout
+        for word in re.findall(r"(?<!\S)--[a-z]+", mention) or [f"pulsekit {command}"]:
+            if word not in HELP[command] + HELP[""]:
+                yield f"pulsekit {mention}: there is no {word}"
+
+
 def words(*patterns):
     paths = [path for pattern in patterns for path in ROOT.rglob(pattern) if "build" not in path.parts]
     return set(re.findall(r"\w+", "\n".join(path.read_text() for path in paths)))
 
 
+HELP = {"": subprocess.run([BUILD / "pulsekit", "--help"], capture_output=True, text=True).stdout} if (BUILD / "pulsekit").exists() else None
 DECLARED = words("*.h")
 OPTIONS = words("*.cpp", "CMakeLists.txt")
 LIBRARY = ctypes.CDLL(str(BUILD / "libPulsekit3.so"))
@@ -118,6 +130,7 @@ with tempfile.TemporaryDirectory() as scratch:
         content = document.read_text()
         found = [*check_links(content), *check_names(content), *check_codes(content)]
         found += [*check_programs(content, scratch), *check_commands(content, scratch)]
+        found += check_mentions(content) if HELP else []
         faults += [f"{document.relative_to(ROOT)}: {fault}" for fault in found]
 print("\n".join(faults) or f"{len(DOCUMENTS)} documents agree")
 sys.exit(bool(faults))

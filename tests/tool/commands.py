@@ -120,6 +120,14 @@ ROWS = [
     ('lst', 2, 'did you mean list'),
     ('get', 2, 'pulsekit get --help'),
     ('--simulate=nowhere.toml list', 1, 'nowhere.toml'),
+    # More radars, and some that lack something.
+    ('--simulate=many.toml list', 0, r'1  FIRST .*ready\n2  SECONDA  QTX-K265  QTX3702  ready\n3  SECONDB .*no board recognised'),
+    ('--simulate=many.toml capture', 2, r'several radars are attached: 1: FIRST \(ready\), 2: SECONDA'),
+    ('--simulate=many.toml --radar sec*a get Chip', 0, '^QTX3702$'),
+    ('--simulate=many.toml --radar THIRD doctor', 0, r'(?s)chip QTX3400.*hint   frame: '),
+    ('--simulate=part.toml save one.set', 1, r'none of the attached radars can be used: 1: BARE \(no chip recognised\), 2: \? '),
+    ('--simulate=part.toml flash read 0 2', 0, r'ff ff'),
+    ('diff one.set', 0, 'FrameStitch'),
 ]
 
 # command, what the JSON must hold: a path of keys and the value there
@@ -131,6 +139,8 @@ JSON_ROWS = [
     ('set DACStep=16', ('moved', 0, 'name'), 'DACStepFine'),
     ('action', (0, 'name'), 'InterfaceReset'),
     ('doctor', (0, 'good'), True),
+    ('--simulate=part.toml doctor', (5, 'finding'), 'chip Unknown'),
+    ('--simulate=many.toml --radar FIFTH doctor', (1, 'finding'), 'no attached radar is called "FIFTH"'),
     ('capture -n 2', ('frames', 1, 'number'), 1),
     ('flash read 0 2', ('bytes',), 'ff ff'),
     ('board show', ('name',), 'QTX-K245'),
@@ -140,6 +150,9 @@ FILES = {
     'bad.set': '; ChipID=0x0309\n[Pulsekit variables]\nIterations=1O\n',
     'strange.set': '; ChipID=0x0308\n[Pulsekit variables]\nIteration=3\nPulsesPerStep=7\nRadarModulePower=0\n',
     'commands.txt': 'Iterations=3\n',
+    'many.toml': '[[radar]]\nserial = "FIRST"\n[[radar]]\nserial = "SECOND"\nbridge = "FT2232H"\nboard = "QTX-K265"\n'
+                 'chip = "QTX3702"\n[[radar]]\nserial = "THIRD"\nchip = "QTX3400"\n',
+    'part.toml': '[[radar]]\nserial = "BARE"\nchip = "none"\n[[radar]]\nserial = "TAKEN"\nheld = true\n',
 }
 
 

@@ -13,15 +13,22 @@ namespace {
 
 constexpr uint64_t kPatterns[] = {0x5a5a5a, 0xa5a5a5};
 
+/// A hint tells of what is not wrong but could be better.
+enum class Verdict { Good, Hint, Wrong };
+
 struct Finding {
-  std::string what, text, remedy;  ///< a remedy where something is wrong
+  Verdict verdict;
+  std::string what, text, remedy;  ///< a remedy where it is not good
 };
 
 class Findings {
  public:
-  void good(const std::string &what, const std::string &text) { all_.push_back({what, text, ""}); }
+  void good(const std::string &what, const std::string &text) { all_.push_back({Verdict::Good, what, text, ""}); }
+  void hint(const std::string &what, const std::string &text, const std::string &remedy) {
+    all_.push_back({Verdict::Hint, what, text, remedy});
+  }
   void bad(const std::string &what, const std::string &text, const std::string &remedy) {
-    all_.push_back({what, text, remedy.empty() ? "see docs/troubleshooting.md" : remedy});
+    all_.push_back({Verdict::Wrong, what, text, remedy.empty() ? "see docs/troubleshooting.md" : remedy});
     ++wrong_;
   }
   void check(const std::string &what, bool holds, const std::string &text, const std::string &remedy) {
@@ -49,7 +56,7 @@ Json Findings::json() const {
   Json json = Json::array();
   for (const Finding &finding : all_) {
     json.push_back({{"check", finding.what},
-                    {"good", finding.remedy.empty()},
+                    {"good", finding.verdict != Verdict::Wrong},
                     {"finding", finding.text},
                     {"remedy", finding.remedy}});
   }
@@ -58,10 +65,11 @@ Json Findings::json() const {
 
 void Findings::print() const {
   for (const Finding &finding : all_) {
-    const bool good = finding.remedy.empty();
-    printLine(
-        cat(good ? styled("ok     ", Style::Green) : styled("wrong  ", Style::Red), finding.what, ": ", finding.text));
-    if (!good) printLine(cat("       ", styled("remedy: ", Style::Bold), finding.remedy));
+    const std::string verdict = finding.verdict == Verdict::Good   ? styled("ok     ", Style::Green)
+                                : finding.verdict == Verdict::Hint ? styled("hint   ", Style::Yellow)
+                                                                   : styled("wrong  ", Style::Red);
+    printLine(cat(verdict, finding.what, ": ", finding.text));
+    if (!finding.remedy.empty()) printLine(cat("       ", styled("remedy: ", Style::Bold), finding.remedy));
   }
 }
 
@@ -150,6 +158,22 @@ void testSettings(const Radar &radar, Findings &findings) {
   if (wrong.empty()) findings.good("settings", "can give a good frame");
 }
 
+// Ranges are some percent off without; whether that matters depends on the purpose.
+void testCalibration(const Radar &radar, Findings &findings) {
+  const std::vector<double> results = calibrationResults(radar);
+  const bool elements = std::any_of(results.begin(), results.end(), [](double result) { return result != 0; });
+  if (elements) return findings.good("calibration", "every delay element is known");
+  const bool means = !radar.variable("SamplesPerSecond").automatic;
+  findings.hint("calibration", means ? "only means are known, not the single delay elements" : "none is loaded",
+                "pulsekit calibrate --store BLOCK, or --load BLOCK where one is kept");
+}
+
+bool takesFrames(const Radar &radar) {
+  constexpr int32_t kNotImplemented = 4;
+  int32_t count = 0;
+  return QTX_CheckSettings(radar, nullptr, 0, &count) != kNotImplemented;
+}
+
 void testRadar(const Options &options, const Attached &attached, bool ports_told, Findings &findings) {
   const std::string name = cat("radar ", attached.serial);
   if (attached.held()) {
@@ -171,8 +195,11 @@ void testRadar(const Options &options, const Attached &attached, bool ports_told
                    "check the board's power (RadarModulePower), and that the chip is one of the supported ones");
     if (attached.chip == "Unknown") return;
     findings.attempt("chip", [&] { testRegisters(radar, findings); });
+    if (!takesFrames(radar))
+      return findings.hint("frame", "this library takes none with this chip", "settings, registers and flash work");
     findings.attempt("frame", [&] { testFrame(radar, findings); });
     findings.attempt("settings", [&] { testSettings(radar, findings); });
+    findings.attempt("calibration", [&] { testCalibration(radar, findings); });
   });
 }
 
@@ -188,10 +215,10 @@ void doctor(const Options &options) {
     findings.bad("radars", "no bridge is attached",
                  "plug it in; on Linux see that the kernel lists it (lsusb, vendor 0403)");
   }
-  for (const Attached &radar : radars) {
-    if (options.radar.empty() || matches(radar.connection, options.radar))
-      testRadar(options, radar, ports_told, findings);
-  }
+  findings.attempt("radars", [&] {
+    if (!options.radar.empty() && !radars.empty()) radars = {chosenRadar(radars, options.radar)};
+    for (const Attached &radar : radars) testRadar(options, radar, ports_told, findings);
+  });
   options.json ? printJson(findings.json()) : findings.print();
   if (findings.wrong() > 0) throw Failure(counted(findings.wrong(), "finding"), "follow the remedies above");
 }

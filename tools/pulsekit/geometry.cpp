@@ -42,6 +42,12 @@ Strings findings(const Radar &radar) {
   return lines;
 }
 
+std::vector<double> calibrationResults(const Radar &radar) {
+  std::vector<double> results(579);
+  radar.check(QTX_TimingMeasurementResults(radar, results.data(), static_cast<int32_t>(results.size())));
+  return results;
+}
+
 double spiClock(const Radar &radar) {
   return parseNumber(radar.variable("SPIClockFrequency").text(), "Hz", "SPIClockFrequency");
 }

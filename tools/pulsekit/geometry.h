@@ -28,6 +28,9 @@ Geometry frameGeometry(const Radar &radar);
 /// The settings that can't give a good frame: "<name>: <what is wrong>: <remedy>".
 Strings findings(const Radar &radar);
 
+/// What the calibration has measured, as QTX_TimingMeasurementResults lays it out; 0 where nothing was.
+std::vector<double> calibrationResults(const Radar &radar);
+
 /// Hertz of the SPI bus.
 double spiClock(const Radar &radar);
 

@@ -149,9 +149,8 @@ void suggest(const Options &options, const std::string &range_text, const std::s
 }
 
 Plot stepsPlot(const Radar &radar) {
-  constexpr size_t kCoarse = 387, kMedium = 451, kCount = 579;
-  std::vector<double> results(kCount);
-  radar.check(QTX_TimingMeasurementResults(radar, results.data(), kCount));
+  constexpr size_t kCoarse = 387, kMedium = 451;
+  const std::vector<double> results = calibrationResults(radar);
   const auto steps = [&](size_t first, double scale) {
     std::vector<double> values;
     for (size_t i = first; i < first + 63; ++i) values.push_back(results[i] == 0 ? std::nan("") : results[i] * scale);
@@ -174,20 +173,14 @@ uint32_t blockNumber(const Radar &radar, const std::string &text, const char *wh
   return static_cast<uint32_t>(block);
 }
 
-std::vector<double> results(const Radar &radar) {
-  std::vector<double> values(579);
-  radar.check(QTX_TimingMeasurementResults(radar, values.data(), static_cast<int32_t>(values.size())));
-  return values;
-}
-
 void storeResults(const Radar &radar, uint32_t block) {
-  const std::vector<double> measured = results(radar);
+  const std::vector<double> measured = calibrationResults(radar);
   {
     const Uninterrupted whole_block;
     radar.check(QTX_TimingMeasurementSaveDataToFlash(radar, block));
   }
   radar.check(loadCalibration(radar, block));
-  if (results(radar) != measured)
+  if (calibrationResults(radar) != measured)
     throw Failure("the calibration reads back differently from the flash", "store it again, or in another block");
 }
 

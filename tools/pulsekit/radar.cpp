@@ -64,7 +64,7 @@ Attached parse(const std::string &connection) {
 std::string listed(const std::vector<Attached> &radars) {
   Strings lines;
   for (size_t i = 0; i < radars.size(); ++i) {
-    lines.push_back(cat(i + 1, ": ", radars[i].serial, " (", radars[i].state(), ')'));
+    lines.push_back(cat(i + 1, ": ", radars[i].held() ? "?" : radars[i].serial, " (", radars[i].state(), ')'));
   }
   return join(lines, ", ");
 }
@@ -87,30 +87,14 @@ Attached onlyOne(const std::vector<Attached> &radars, Need need) {
     throw Failure(cat("none of the attached radars can be used: ", listed(radars)),
                   "pulsekit doctor says what keeps them");
   }
-  throw Usage(cat(usable.size(), " radars are attached: ", listed(radars)), "choose one with --radar SERIAL");
-}
-
-Attached chosen(const std::vector<Attached> &radars, const std::string &wanted) {
-  size_t number = 0;
-  const auto parsed = std::from_chars(wanted.data(), wanted.data() + wanted.size(), number);
-  std::vector<Attached> fitting;
-  for (size_t i = 0; i < radars.size(); ++i) {
-    if (wanted == radars[i].serial || wanted == radars[i].connection) return radars[i];
-    if (parsed.ptr == wanted.data() + wanted.size() && number == i + 1) return radars[i];
-    if (matches(parsed.ec == std::errc() ? radars[i].serial : radars[i].connection, wanted))
-      fitting.push_back(radars[i]);
-  }
-  if (fitting.size() == 1) return fitting[0];
-  throw Usage(cat(fitting.empty() ? "no attached radar is called \"" : "several attached radars fit \"", wanted, '"'),
-              radars.empty() ? "no radar is attached: pulsekit doctor looks for what is missing"
-                             : cat("attached are ", listed(radars)));
+  throw Usage(cat("several radars are attached: ", listed(radars)), "choose one with --radar SERIAL");
 }
 
 Attached choose(const Handle &handle, const std::string &wanted, Need need) {
   // A whole connection string needs no listing, which would power up every other board.
   if (std::count(wanted.begin(), wanted.end(), QTX_ConnectionStringDelimiter1()) == 3) return parse(wanted);
   const std::vector<Attached> radars = attachedRadars(handle);
-  return wanted.empty() ? onlyOne(radars, need) : chosen(radars, wanted);
+  return wanted.empty() ? onlyOne(radars, need) : chosenRadar(radars, wanted);
 }
 
 // The library lists "type (driver)".
@@ -235,6 +219,22 @@ std::vector<Attached> attachedRadars(const Handle &handle) {
     if (!connection.empty()) result.push_back(parse(connection));
   }
   return result;
+}
+
+Attached chosenRadar(const std::vector<Attached> &radars, const std::string &wanted) {
+  size_t number = 0;
+  const auto parsed = std::from_chars(wanted.data(), wanted.data() + wanted.size(), number);
+  std::vector<Attached> fitting;
+  for (size_t i = 0; i < radars.size(); ++i) {
+    if (wanted == radars[i].serial || wanted == radars[i].connection) return radars[i];
+    if (parsed.ptr == wanted.data() + wanted.size() && number == i + 1) return radars[i];
+    const bool whole = parsed.ec != std::errc() && matches(radars[i].connection, wanted);
+    if (whole || matches(radars[i].serial, wanted)) fitting.push_back(radars[i]);
+  }
+  if (fitting.size() == 1) return fitting[0];
+  throw Usage(cat(fitting.empty() ? "no attached radar is called \"" : "several attached radars fit \"", wanted, '"'),
+              radars.empty() ? "no radar is attached: pulsekit doctor looks for what is missing"
+                             : cat("attached are ", listed(radars)));
 }
 
 Strings supportedBoards(const Handle &handle) {

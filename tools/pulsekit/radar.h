@@ -67,6 +67,9 @@ struct Attached {
   std::string state() const;
 };
 std::vector<Attached> attachedRadars(const Handle &handle);
+/// The one that is called so: by its serial number, its connection string, its place in the list, or a part or pattern
+/// of these.
+Attached chosenRadar(const std::vector<Attached> &radars, const std::string &wanted);
 
 /// Types of boards that the library knows.
 Strings supportedBoards(const Handle &handle);

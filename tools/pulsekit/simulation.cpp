@@ -39,12 +39,14 @@ constexpr int32_t kDevice = 0;
 constexpr uint32_t kBlock = 4096;
 constexpr uint32_t kAddress = 3;  // bytes before a block in the file
 
-// What the flash held when the command began.
-std::string flash_content, otp_content;
+// Where it is kept, and what it held when the command began.
+std::string flash_file, flash_content, otp_content;
 
-std::string flashFile() {
+// The flash of a board that came with that name: another board's is another one's.
+std::string flashFile(const std::string &otp) {
   const std::string directory = sessionDirectory();
-  return directory.empty() ? "" : directory + "/simulated-flash";
+  const std::string board = otp.substr(0, otp.find_first_of(std::string_view("\0\xff", 2)));
+  return directory.empty() ? "" : cat(directory, "/simulated-flash-", board);
 }
 
 std::string readSimulatedFlash() {
@@ -62,8 +64,8 @@ std::string readSimulatedOtp() {
 // The one-time-programmable area, then each block that is not erased behind its address.
 void loadSimulatedFlash() {
   std::error_code error;
-  if (flashFile().empty() || !std::filesystem::exists(flashFile(), error)) return;
-  const std::string kept = readFile(flashFile());
+  if (flash_file.empty() || !std::filesystem::exists(flash_file, error)) return;
+  const std::string kept = readFile(flash_file);
   const auto *bytes = reinterpret_cast<const uint8_t *>(kept.data());
   if (kept.size() < QTXSIM_OTP_SIZE || (kept.size() - QTXSIM_OTP_SIZE) % (kAddress + kBlock) != 0) return;
   QTXSim_OtpWrite(kDevice, 0, bytes, QTXSIM_OTP_SIZE);
@@ -81,13 +83,14 @@ void simulate(const std::string &scene, bool fresh) {
   if (scene != "true") setEnvironment("PULSEKIT3_SCENE", scene);
   const std::string fault = missingBridgeLibrary();
   if (!fault.empty()) throw Failure(fault, "pulsekit simulate FILE writes an example of a scene");
+  flash_file = flashFile(readSimulatedOtp());
   if (!fresh) loadSimulatedFlash();
   flash_content = readSimulatedFlash();
   otp_content = readSimulatedOtp();
 }
 
 void keepSimulatedFlash() {
-  if (flash_content.empty() || flashFile().empty()) return;
+  if (flash_content.empty() || flash_file.empty()) return;
   const std::string content = readSimulatedFlash(), otp = readSimulatedOtp();
   if (content == flash_content && otp == otp_content) return;
   std::string kept = otp;
@@ -97,7 +100,7 @@ void keepSimulatedFlash() {
     kept += {static_cast<char>(at), static_cast<char>(at >> 8), static_cast<char>(at >> 16)};
     kept += block;
   }
-  NewFile file(flashFile());
+  NewFile file(flash_file);
   file.write(kept);
   file.commit();
 }
