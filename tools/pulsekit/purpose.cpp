@@ -10,6 +10,7 @@
 #include "number.h"
 #include "plot.h"
 #include "session.h"
+#include "system.h"
 
 namespace tool {
 
@@ -210,8 +211,9 @@ struct CalibrationRequest {
   Strings plots;
 };
 
-void calibrate(const Options &options, const CalibrationRequest &request) {
+void calibrate(const Options &options, CalibrationRequest request) {
   checkPlotNames(options, request.plots);
+  if (request.plots.empty() && !options.json && isTerminal(stdout)) request.plots.push_back("");
   if (!request.store.empty() && !request.load.empty()) throw Usage("either --store or --load", "give one of them");
   const Radar radar(options);
   const std::string &block_text = request.store.empty() ? request.load : request.store;
