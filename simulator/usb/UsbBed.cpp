@@ -30,7 +30,8 @@ namespace {
 
 constexpr int kFirstNumber = 2, kNumbers = 126;  // of devices on a bus; the first is the hub
 constexpr int kUsbMajor = 189;
-constexpr size_t kRequestSize = 8;  // ahead of the data of a control transfer
+constexpr int kMostMemory = 16 << 20;  // as the kernel allows
+constexpr size_t kRequestSize = 8;     // ahead of the data of a control transfer
 // Opening a read-only attribute for writing is refused to anyone.
 constexpr const char *kRefusesWriters = "/sys/kernel/notes";
 
@@ -102,12 +103,17 @@ std::string description(const Device &device, const Place &place) {
   return text + "H: descriptors=" + hexOf(descriptors) + '\n';
 }
 
+// umockdev's complaint about programs that were killed is nobody's business here.
+void ignore(const gchar *, GLogLevelFlags, const gchar *, gpointer) {}
+void letUmockdevBeQuiet() { g_log_set_handler(nullptr, G_LOG_LEVEL_CRITICAL, ignore, nullptr); }
+
 }  // namespace
 
 class UsbBed::Impl {
  public:
   Impl();
-  ~Impl();
+  // Takes everything away. umockdev's thread may still be busy with a client, so the object stays.
+  static void end(std::unique_ptr<Impl> bed);
 
   struct Plugged {
     Impl *bed;
@@ -115,7 +121,6 @@ class UsbBed::Impl {
     uint32_t pluggedTime;
     Place place;
     std::unique_ptr<UsbNode> node;
-    std::vector<UMockdevIoctlClient *> clients;
     Transfer::RealTime::time_point due = Transfer::RealTime::time_point::max();
   };
 
@@ -145,7 +150,7 @@ class UsbBed::Impl {
 
   static gboolean onRequest(UMockdevIoctlBase *base, UMockdevIoctlClient *client, gpointer plugged);
   static void onConnected(UMockdevIoctlBase *base, UMockdevIoctlClient *client, gpointer plugged);
-  static void onVanished(GObject *client, GParamSpec *parameter, gpointer plugged);
+  static void onVanished(gpointer plugged, GObject *client);
 
   UMockdevTestbed *bed_;
   std::string root_;
@@ -162,6 +167,7 @@ UsbBed::Impl::Impl() : bed_(umockdev_testbed_new()) {
   gchar *root = umockdev_testbed_get_root_dir(bed_);
   root_ = root;
   g_free(root);
+  letUmockdevBeQuiet();
   auto lock = lockBench();
   reconcile(&bench());
   watchBench([this](Bench *changed) {
@@ -174,16 +180,19 @@ UsbBed::Impl::Impl() : bed_(umockdev_testbed_new()) {
   thread_ = std::thread([this] { run(); });
 }
 
-UsbBed::Impl::~Impl() {
+void UsbBed::Impl::end(std::unique_ptr<Impl> bed) {
+  static auto &ended = *new std::vector<std::unique_ptr<Impl>>;  // outlives the process's static objects
   {
     auto lock = lockBench();
     watchBench(nullptr);
-    reconcile(nullptr);
-    ending_ = true;
+    bed->reconcile(nullptr);
+    bed->ending_ = true;
   }
-  changed_.notify_all();
-  thread_.join();
-  g_object_unref(bed_);
+  bed->changed_.notify_all();
+  bed->thread_.join();
+  g_object_unref(bed->bed_);
+  auto lock = lockBench();
+  ended.push_back(std::move(bed));
 }
 
 UsbBed::Impl::Plugged *UsbBed::Impl::find(int device) const {
@@ -299,15 +308,13 @@ gboolean UsbBed::Impl::onRequest(UMockdevIoctlBase *, UMockdevIoctlClient *clien
 }
 
 void UsbBed::Impl::onConnected(UMockdevIoctlBase *, UMockdevIoctlClient *client, gpointer data) {
-  g_signal_connect(client, "notify::connected", G_CALLBACK(onVanished), data);
-  auto lock = lockBench();
-  static_cast<Plugged *>(data)->clients.push_back(client);
+  g_object_weak_ref(G_OBJECT(client), onVanished, data);
 }
 
-void UsbBed::Impl::onVanished(GObject *client, GParamSpec *, gpointer data) {
+// However it went: a program that was killed does not say that it closes.
+void UsbBed::Impl::onVanished(gpointer data, GObject *client) {
   auto &plugged = *static_cast<Plugged *>(data);
   auto lock = lockBench();
-  if (std::erase(plugged.clients, UMOCKDEV_IOCTL_CLIENT(client)) == 0) return;
   plugged.node->leave(client);
   plugged.bed->look(plugged);
 }
@@ -347,7 +354,9 @@ int UsbBed::Impl::handle(Plugged &plugged, UMockdevIoctlClient *client) {
     case USBDEVFS_SETINTERFACE:
     case USBDEVFS_CLEAR_HALT:
     case USBDEVFS_RESETEP:
+      return 0;
     case USBDEVFS_RESET:
+      plugged.node->device()->reset();
       return 0;
     default:
       return ENOTTY;
@@ -393,6 +402,7 @@ int UsbBed::Impl::submit(Plugged &plugged, UMockdevIoctlClient *client) {
   const usbdevfs_urb &fields = urb->fields();
   if (fields.type != USBDEVFS_URB_TYPE_BULK && fields.type != USBDEVFS_URB_TYPE_CONTROL) return EINVAL;
   if (fields.buffer_length < 0) return EINVAL;
+  if (fields.buffer_length > kMostMemory) return ENOMEM;
   urb->control = fields.type == USBDEVFS_URB_TYPE_CONTROL;
   urb->endpoint = urb->control ? 0 : fields.endpoint;
   urb->length = static_cast<size_t>(fields.buffer_length);
@@ -436,7 +446,7 @@ int UsbBed::Impl::discard(Plugged &plugged, UMockdevIoctlClient *client) {
 
 UsbBed::UsbBed() : impl_(std::make_unique<Impl>()) {}
 
-UsbBed::~UsbBed() = default;
+UsbBed::~UsbBed() { Impl::end(std::move(impl_)); }
 
 bool UsbBed::preloaded() { return umockdev_in_mock_environment() == TRUE; }
 

@@ -121,6 +121,7 @@ void UsbDevice::releaseAll(Owner owner) {
 int UsbDevice::detachDriver(uint32_t interface) {
   if (interface >= interfaces_.size()) return EINVAL;
   if (!driver(interface)) return ENODATA;
+  if (driver(interface) == kOtherProcess) return EBUSY;
   interfaces_[interface] = {.driverBound = false, .owner = nullptr};
   return 0;
 }
@@ -130,6 +131,12 @@ int UsbDevice::attachDriver(uint32_t interface) {
   if (driver(interface)) return EBUSY;
   interfaces_[interface].driverBound = true;
   return 0;
+}
+
+void UsbDevice::reset() {
+  for (const auto &port : ports_) {
+    if (port->channel()) port->channel()->reset();
+  }
 }
 
 const char *UsbDevice::driver(uint32_t interface) const {

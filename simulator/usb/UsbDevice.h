@@ -27,6 +27,7 @@ class UsbDevice {
   int release(uint32_t interface, Owner owner);
   int detachDriver(uint32_t interface);
   int attachDriver(uint32_t interface);
+  void reset();
   // Null where nobody has the interface.
   const char *driver(uint32_t interface) const;
   void releaseAll(Owner owner);

@@ -81,6 +81,7 @@ bool UsbPort::sendOut(uint64_t limit) {
 }
 
 void UsbPort::packet(const uint8_t *bytes, size_t count, uint64_t nanoseconds) {
+  lastPacket_ = Transfer::RealTime::now();
   Transfer &transfer = *in_.front();
   const size_t room = transfer.length - transfer.bytes.size();
   const bool overflow = room < sizeof kModemStatus + count;
@@ -105,13 +106,13 @@ void UsbPort::endIn(uint64_t nanoseconds, int failure) {
 }
 
 Transfer::RealTime::time_point UsbPort::idleDue() const {
-  if (in_.empty() || partlyFilled()) return Transfer::RealTime::time_point::max();
-  return std::max(in_.front()->since, lastIdle_) + std::chrono::milliseconds(latency());
+  if (in_.empty() || partlyFilled() || underWay()) return Transfer::RealTime::time_point::max();
+  return std::max(in_.front()->since, lastPacket_) + std::chrono::milliseconds(latency());
 }
 
 void UsbPort::answerIdle(Transfer::RealTime::time_point now) {
   if (idleDue() > now) return;
-  lastIdle_ = now;
+  lastPacket_ = now;
   Transfer &transfer = *in_.front();
   transfer.bytes.assign(kModemStatus, kModemStatus + std::min(sizeof kModemStatus, transfer.length));
   transfer.done = transfer.bytes.size();

@@ -62,7 +62,7 @@ class UsbPort : public PacketSink {
   uint64_t outArrives_ = 0;  // when the first of out_ has crossed the bus; 0 while it has not begun
   size_t underWay_ = 0;
   bool busy_ = false;
-  Transfer::RealTime::time_point lastIdle_{};
+  Transfer::RealTime::time_point lastPacket_{};
 };
 
 }  // namespace pulsekit::simulator

@@ -21,6 +21,7 @@ ROWS = [
     ('--usb true', 0, ''),
     ('--simulate --usb sh -c exit\t7', 7, ''),
     ('--simulate --usb sh -c kill\t-TERM\t$$', 128 + signal.SIGTERM, ''),
+    ('--usb sh -c kill\t-INT\t$PPID;\tsleep\t9', 128 + signal.SIGINT, ''),
     ('--simulate --usb no-such-program', 1, 'no-such-program: No such file or directory\nremedy: '),
     ('--usb', 2, 'without a command'),
     ('list --usb true', 2, 'not expected: list'),
@@ -46,18 +47,22 @@ class Programs(unittest.TestCase):
 
     @unittest.skipUnless(FLASHROM, 'flashrom is not installed')
     def test_flashrom(self):
-        """The chip would answer at the same chip select as the flash, so the board has none; pin 5 is its power."""
+        """What it writes is what this library reads, by the simulator's bridge table and over libusb. The board has no chip, which
+        would answer at the same chip select as the flash; pin 5 is its power."""
         image, back = Path(self.directory.name, 'image'), Path(self.directory.name, 'back')
         content = b'\xff' * ADDRESS + random.Random(1).randbytes(SIZE) + b'\xff' * (FLASH_SIZE - ADDRESS - SIZE)
         image.write_bytes(content)
         Path(self.directory.name, 'layout').write_text(f'{ADDRESS:x}:{ADDRESS + SIZE - 1:x} part\n')
         for arguments in ('-l layout -i part -N -w image', '-r back'):
-            result = self.run_tool('--simulate', '--usb', FLASHROM, '-p', 'ft2232_spi:type=2232H,gpiol0=C,gpiol1=H', '-c', 'W25Q128.V',
-                                   *arguments.split(), PULSEKIT3_SIMULATED_CHIP='none', PULSEKIT3_SIMULATED_BRIDGE='FT2232H')
+            result = self.run_tool('--simulate', '--usb', FLASHROM, '-c', 'W25Q128.V', '-p',
+                                   'ft2232_spi:type=2232H,gpiol0=C,gpiol1=H', *arguments.split(), PULSEKIT3_SIMULATED_CHIP='none', PULSEKIT3_SIMULATED_BRIDGE='FT2232H')
             self.assertEqual(result.returncode, 0, result)
         self.assertEqual(back.read_bytes(), content)
-        result = self.run_tool('--simulate', 'flash', 'read', '0', str(FLASH_SIZE), '-o', 'back')
-        self.assertEqual((result.returncode, back.read_bytes()), (0, content), result.stderr)
+        for below, start, size in (((), 0, FLASH_SIZE), (('--usb', PULSEKIT), ADDRESS, SIZE)):
+            back.unlink()
+            result = self.run_tool('--simulate', *below, 'flash', 'read', str(start), str(size), '-o', 'back')
+            self.assertEqual((result.returncode, result.stderr.count('remedy')), (0, 0), result)
+            self.assertEqual(back.read_bytes(), content[start : start + size])
 
 
 if __name__ == '__main__':
