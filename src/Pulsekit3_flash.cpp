@@ -146,6 +146,7 @@ class TemporaryModule {
 
 // Finds a radar, whatever its board, and connects the handle's interface to it.
 int32_t connectFirstRadar(QTX_Handle *handle, const BoardInfoPoints &points) {
+  if (!handle->connection_info) return origin(handle->error, points.call, kError);
   std::array<char, 2048> radars{};
   if (int32_t code = QTX_ListRadarModules(handle, radars.data(), radars.size())) {
     return passThrough(handle->error, points.list, recordedCode(handle, code));
@@ -242,6 +243,7 @@ int32_t QTX_VarsLoadFromFlash(QTX_Handle *handle) try {
   std::vector<uint8_t> bytes((countOf(module) + countOf(chip) + kFrameWords) * kWordSize, kErased);
   if (int32_t code = QTX_ModuleReadFlashMemory(handle, address, bytes.data(), static_cast<int32_t>(bytes.size()))) {
     passThrough(handle->error, HERE_AT(1779), code);
+    if (endsWait(code)) return code;
     bytes.assign(bytes.size(), kErased);
   }
   const Words record = toWords(bytes);

@@ -135,6 +135,7 @@ int32_t QTX_OpenRadar(QTX_Handle *handle, const char *connection_string) {
   const CallScope call(handle);
   platform::raiseTimerResolution();
   if (int32_t code = checkCall(handle, HERE, connection_string)) return code;
+  if (!handle->connection_info) return origin(handle->error, HERE, kError);
   releaseLayers(handle);
   connectionStringToConnectionInfo(connection_string, handle->connection_info);
   const ConnectionInfo &info = *handle->connection_info;

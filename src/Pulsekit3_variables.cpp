@@ -47,13 +47,14 @@ int32_t listNames(QTX_Handle *handle, TracePoint at, char *text, int32_t size, L
   if (int32_t code = append(names)) return code;
   if (int32_t code = append(list.empty() ? "" : ",")) return code;
 
-  if (isKnown(handle->connection_info->module_name)) {
+  const ConnectionInfo *info = handle->connection_info;
+  if (info && isKnown(info->module_name)) {
     if (int32_t code = list_module(handle->module, names, sizeof names)) return passThrough(handle->error, at, code);
     if (int32_t code = append(names)) return code;
   }
   if (int32_t code = append(list.empty() ? "" : ",")) return code;
 
-  if (!isKnown(handle->connection_info->chip_name)) return kSuccess;
+  if (!info || !isKnown(info->chip_name)) return kSuccess;
   if (int32_t code = list_chip(handle->chip, names, sizeof names)) return passThrough(handle->error, at, code);
   return append(names);
 }
