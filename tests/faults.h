@@ -15,7 +15,7 @@ inline void makeFault(uint32_t kind, uint32_t nth, uint32_t lost, uint32_t corru
   if (kind >= 1 && kind <= 3) QTXSim_FailCall(calls[kind - 1], nth, 1, FT_IO_ERROR);
   if (kind == 4) QTXSim_ShortWrite(0, nth % 4 + 1, nth * 17);
   if (kind == 5) QTXSim_LoseAnswer(0, lost, nth % 3 + 1);
-  if (kind == 6) QTXSim_CorruptAnswer(0, corrupted, 0xFF);
+  if (kind == 6) QTXSim_CorruptAnswer(0, corrupted, 0x08);
   if (kind == 7) QTXSim_InsertAnswer(0, surplus, nth % 3 + 1);
 }
 
