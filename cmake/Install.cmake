@@ -4,6 +4,9 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(documents ${CMAKE_INSTALL_DATAROOTDIR}/doc/pulsekit3)
+if(WIN32)
+  set(documents .)
+endif()
 set(package_directory ${CMAKE_INSTALL_LIBDIR}/cmake/Pulsekit3)
 set(libraries Pulsekit3)
 file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/*.h ${PROJECT_SOURCE_DIR}/include/*.hpp)
@@ -22,8 +25,16 @@ write_basic_package_version_file(Pulsekit3ConfigVersion.cmake COMPATIBILITY Same
 install(FILES ${PROJECT_BINARY_DIR}/Pulsekit3Config.cmake ${PROJECT_BINARY_DIR}/Pulsekit3ConfigVersion.cmake
         DESTINATION ${package_directory})
 
+if(WIN32)
+  # Other compilers make their own import library of it.
+  install(FILES ${PROJECT_BINARY_DIR}/Pulsekit3.def DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  if(TARGET pulsekit)
+    install(TARGETS pulsekit)
+  endif()
+endif()
+
 # The tool comes with its library's place relative to it, so that any prefix works.
-if(TARGET pulsekit)
+if(TARGET pulsekit AND UNIX)
   cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY ${CMAKE_INSTALL_FULL_BINDIR} OUTPUT_VARIABLE to_libraries)
   set_target_properties(pulsekit PROPERTIES INSTALL_RPATH $ORIGIN/${to_libraries})
   install(TARGETS pulsekit)
@@ -94,12 +105,17 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/copyright DESTINATION ${python_doc
 set(CPACK_GENERATOR DEB)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL pulsekit3 python)
+if(WIN32)
+  set(CPACK_GENERATOR ZIP)
+endif()
 set(CPACK_PACKAGE_NAME pulsekit3)
 set(CPACK_PACKAGE_CONTACT "Pulsekit3 developers")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Control of impulse-radar sensors behind USB bridges")
 set(CPACK_COMPONENT_PYTHON_DESCRIPTION "Control of impulse-radar sensors from Python")
 set(CPACK_STRIP_FILES ON)
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+if(UNIX)
+  set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+endif()
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <mutex>
 #include <new>
+#include <thread>
 
 namespace pulsekit {
 
@@ -20,7 +21,7 @@ class Registry {
 
   // Null when memory is short.
   Value *add(const void *record) {
-    const std::lock_guard guard(mutex_);
+    const std::lock_guard guard(change_);
     Entry *entry = entryOf(nullptr);
     if (!entry) {
       entry = new (std::nothrow) Entry;
@@ -33,7 +34,7 @@ class Registry {
   }
 
   void remove(const void *record) {
-    const std::lock_guard guard(mutex_);
+    const std::lock_guard guard(change_);
     if (Entry *entry = record ? entryOf(record) : nullptr) entry->record = nullptr;
   }
 
@@ -50,7 +51,19 @@ class Registry {
     return entry;
   }
 
-  std::mutex mutex_;  // of those who change it
+  // Of those who change it. Not every system's std::mutex is there before the program's first line and needs no memory.
+  class Change {
+   public:
+    void lock() {
+      while (taken_.test_and_set(std::memory_order_acquire)) std::this_thread::yield();
+    }
+    void unlock() { taken_.clear(std::memory_order_release); }
+
+   private:
+    std::atomic_flag taken_;
+  };
+
+  Change change_;
   std::atomic<Entry *> first_ = nullptr;
 };
 

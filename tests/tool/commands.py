@@ -1,5 +1,7 @@
 #!/usr/bin/env python3
-"""Runs pulsekit on simulated radars: a row a case. usage: commands.py PULSEKIT"""
+"""Runs pulsekit on simulated radars: a row a case. usage: commands.py PULSEKIT
+
+On Windows, under Wine, without terminals and signals: commands.py WINE PULSEKIT.exe"""
 import json
 import os
 import pty
@@ -14,7 +16,9 @@ from pathlib import Path
 
 import numpy
 
-PULSEKIT = os.path.abspath(sys.argv.pop(1))
+PULSEKIT = [os.path.abspath(word) for word in sys.argv[1:]]
+WINDOWS = len(PULSEKIT) > 1
+del sys.argv[1:]
 
 # command, exit code, pattern that standard output holds (or, of a failure, standard error)
 ROWS = [
@@ -177,7 +181,7 @@ class Commands(unittest.TestCase):
 
     def run_tool(self, command):
         simulate = [] if '--simulate' in command else ['--simulate']
-        return subprocess.run([PULSEKIT, *simulate, *command.split()], env=self.environment, cwd=self.directory.name,
+        return subprocess.run([*PULSEKIT, *simulate, *command.split()], env=self.environment, cwd=self.directory.name,
                               capture_output=True, text=True, timeout=60)
 
     def test_rows(self):
@@ -209,9 +213,10 @@ class Commands(unittest.TestCase):
 
     def start(self, command, **streams):
         environment = {**self.environment, 'PULSEKIT3_SIMULATED_TIME': 'real'}
-        return subprocess.Popen([PULSEKIT, '--simulate', *command.split()], env=environment, cwd=self.directory.name,
+        return subprocess.Popen([*PULSEKIT, '--simulate', *command.split()], env=environment, cwd=self.directory.name,
                                 text=True, **streams)
 
+    @unittest.skipIf(WINDOWS, 'no signals')
     def test_ctrl_c(self):
         """Ends a capture with its files complete; only one that had no end was not cut short."""
         for count, code in ((0, 0), (1000000, 1)):
@@ -247,6 +252,7 @@ class Commands(unittest.TestCase):
         tool.send_signal(signal.SIGINT)
         self.assertEqual(tool.wait(20), 0)
 
+    @unittest.skipIf(WINDOWS, 'no terminal')
     def test_terminal(self):
         """Progress with the time that is left, live pictures, colours: on a terminal only."""
         for command, pattern in (('capture -n 50 --rate 25 -o slow.npy', r'capturing \[#+\.*\] \d+ %, \d+ of 50, \d+ s left'),

@@ -1,6 +1,7 @@
 #include "command_line.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 
 #include "failure.h"
 
@@ -122,8 +123,9 @@ Program::Program(const char *name, const char *help, const char *footer, const s
 
 Program::~Program() = default;
 
-void Program::run(int count, char **arguments) const try {
-  app_->parse(count, arguments);
+void Program::run(Strings arguments) const try {
+  std::reverse(arguments.begin(), arguments.end());
+  app_->parse(std::move(arguments));
 } catch (const CLI::ParseError &error) {
   if (error.get_exit_code() != 0) throw Usage(printable(error.what()), remedyOf(*app_));
   app_->exit(error);

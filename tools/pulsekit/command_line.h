@@ -76,7 +76,7 @@ class Program {
   Command command() const { return Command(*app_); }
   /// Runs the command that the arguments name, or prints the help that they ask for. Throws Usage, and what the command
   /// throws.
-  void run(int count, char **arguments) const;
+  void run(Strings arguments) const;
 
  private:
   std::unique_ptr<CLI::App> app_;

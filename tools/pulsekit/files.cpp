@@ -32,11 +32,11 @@ NewFile::NewFile(std::string path) : path_(std::move(path)), file_(nullptr) {
     return;
   }
   std::error_code error;
-  if (const fs::path target = fs::canonical(path_, error); !error) path_ = target.string();
-  if (fs::is_directory(path_, error)) throw Failure(cat(path_, ": is a directory"), "name a file in it");
-  const bool in_place = fs::exists(path_, error) && !fs::is_regular_file(path_, error);
+  if (const fs::path target = fs::canonical(pathOf(path_), error); !error) path_ = nameOf(target);
+  if (fs::is_directory(pathOf(path_), error)) throw Failure(cat(path_, ": is a directory"), "name a file in it");
+  const bool in_place = fs::exists(pathOf(path_), error) && !fs::is_regular_file(pathOf(path_), error);
   temporary_ = in_place ? path_ : cat(path_, ".part-", processNumber());
-  file_ = std::fopen(temporary_.c_str(), in_place ? "wb" : "wbx");
+  file_ = createFile(temporary_, in_place);
   if (!file_) throw fileFailure(path_, "be created", errno);
 }
 
@@ -44,7 +44,7 @@ NewFile::~NewFile() {
   if (!file_ || file_ == stdout) return;
   std::fclose(file_);
   std::error_code ignored;
-  if (temporary_ != path_) fs::remove(temporary_, ignored);
+  if (temporary_ != path_) fs::remove(pathOf(temporary_), ignored);
 }
 
 void NewFile::write(std::string_view bytes) {
@@ -71,22 +71,23 @@ void NewFile::commit() {
   std::error_code error;
   if (!closeDurably(file)) {
     const int reason = errno;
-    if (temporary_ != path_) fs::remove(temporary_, error);
+    if (temporary_ != path_) fs::remove(pathOf(temporary_), error);
     throw fileFailure(path_, "be written", reason);
   }
   if (temporary_ == path_) return;
-  if (fs::exists(path_, error)) fs::permissions(temporary_, fs::status(path_, error).permissions(), error);
-  fs::rename(temporary_, path_, error);
+  const fs::path from = pathOf(temporary_), to = pathOf(path_);
+  if (fs::exists(to, error)) fs::permissions(from, fs::status(to, error).permissions(), error);
+  fs::rename(from, to, error);
   if (!error) return;
   const int reason = error.value();
-  fs::remove(temporary_, error);
+  fs::remove(pathOf(temporary_), error);
   throw fileFailure(path_, "take its name", reason);
 }
 
 std::string readFile(const std::string &path) {
   std::error_code error;
-  if (fs::is_directory(path, error)) throw Failure(cat(path, ": is a directory"), "name a file in it");
-  const std::unique_ptr<FILE, int (*)(FILE *)> file(std::fopen(path.c_str(), "rb"), std::fclose);
+  if (fs::is_directory(pathOf(path), error)) throw Failure(cat(path, ": is a directory"), "name a file in it");
+  const std::unique_ptr<FILE, int (*)(FILE *)> file(openFile(path), std::fclose);
   if (!file) throw fileFailure(path, "be read", errno);
   std::string content;
   char part[65536];

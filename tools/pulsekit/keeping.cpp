@@ -10,6 +10,7 @@
 #include "files.h"
 #include "session.h"
 #include "settings_file.h"
+#include "system.h"
 
 namespace tool {
 
@@ -102,8 +103,7 @@ void apply(const Radar &radar, const SettingsFile &file, const Checked &checked,
   for (const SettingsLine &line : file.lines) {
     if (!keep(line.name)) lines[line.number - 1] = "; left out";
   }
-  NewFile copy(
-      (std::filesystem::temp_directory_path() / cat("pulsekit-load-", lower(radar.attached().serial))).string());
+  NewFile copy(nameOf(std::filesystem::temp_directory_path() / cat("pulsekit-load-", lower(radar.attached().serial))));
   copy.write(join(lines, "\n"));
   copy.flush();
   radar.check(QTX_VarsLoadFromFile(radar, copy.temporaryPath().c_str()));

@@ -61,27 +61,23 @@ void addCommands(const Command &program, const Options &options) {
 }
 
 // What stands behind --usb belongs to another program.
-int ownArguments(int count, char **arguments) {
-  const auto isEnd = [](const char *argument) { return std::string_view(argument) == "--usb"; };
-  return static_cast<int>(std::find_if(arguments, arguments + count, isEnd) - arguments);
-}
-
-int run(int count, char **arguments) {
-  const int own = ownArguments(count, arguments);
-  const Strings below(arguments + std::min(own + 1, count), arguments + count);
+int run(const Strings &arguments) {
+  const auto end = std::find(arguments.begin(), arguments.end(), "--usb");
+  const bool alone = end == arguments.end();
+  const Strings below(alone ? end : end + 1, arguments.end());
   Options options;
   const Program program("pulsekit", "Work with impulse radars: find, set up, measure, keep.", kExamples,
                         cat("pulsekit ", QTX_SupportVersion()));
   addOptions(program.command(), options);
-  if (own == count) {
+  if (alone) {
     addCommands(program.command(), options);
   } else {
     program.command().needsCommand(0);
   }
   try {
-    if (own < count && below.empty()) throw Usage("--usb without a command", "pulsekit --help explains the usage");
-    program.run(own, arguments);
-    return own == count ? kDone : runBelow(options, below);
+    if (!alone && below.empty()) throw Usage("--usb without a command", "pulsekit --help explains the usage");
+    program.run({arguments.begin() + 1, end});
+    return alone ? kDone : runBelow(options, below);
   } catch (const Usage &usage) {
     complain(usage.what(), usage.remedy());
     return kUsage;
@@ -96,8 +92,9 @@ int run(int count, char **arguments) {
 }  // namespace tool
 
 int main(int count, char **arguments) try {
+  const tool::Strings command_line = tool::commandLine(count, arguments);
   tool::onInterrupt(tool::interrupt);
-  return tool::run(count, arguments);
+  return tool::run(command_line);
 } catch (const std::exception &error) {
   tool::complain(error.what(), "");
   return tool::kFailed;

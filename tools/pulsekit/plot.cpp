@@ -192,12 +192,9 @@ std::string gnuplotScript(const Plot &plot, const std::string &path, bool vector
 
 void runGnuplot(const std::string &script) {
   const char *missing = "install gnuplot (Debian: gnuplot-nox), or leave out the file name to plot in the terminal";
-  FILE *gnuplot = popen("gnuplot", "w");
-  if (!gnuplot) throw Failure("gnuplot could not be started", missing);
-  const bool written = std::fwrite(script.data(), 1, script.size(), gnuplot) == script.size();
-  const int status = pclose(gnuplot);
-  if (status == 127 << 8) throw Failure("gnuplot is not installed", missing);
-  if (!written || status != 0) throw Failure("gnuplot could not make the plot", "see its own message above");
+  const int code = feed("gnuplot", script);
+  if (code == 127) throw Failure("gnuplot is not installed", missing);
+  if (code != 0) throw Failure("gnuplot could not make the plot", "see its own message above");
 }
 
 }  // namespace

@@ -7,13 +7,15 @@
 #include "files.h"
 #include "output.h"
 #include "simulation.h"
+#include "system.h"
 
 namespace tool {
 
 namespace {
 
 void writeScene(const std::string &path) {
-  if (path != "-" && std::filesystem::exists(path)) throw Failure(cat(path, ": exists already"), "choose another name");
+  if (path != "-" && std::filesystem::exists(pathOf(path)))
+    throw Failure(cat(path, ": exists already"), "choose another name");
   NewFile file(path);
   file.write(kExampleScene);
   file.commit();

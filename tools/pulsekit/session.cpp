@@ -52,7 +52,7 @@ void keep(const Radar &radar, const std::string &path, std::optional<uint32_t> c
   }
   std::error_code ignored;
   if (lines.empty()) {
-    fs::remove(path, ignored);
+    fs::remove(pathOf(path), ignored);
     return;
   }
   NewFile file(path);
@@ -67,7 +67,7 @@ void keep(const Radar &radar, const std::string &path, std::optional<uint32_t> c
 void resumeSession(const Radar &radar) {
   const std::string path = sessionPath(radar);
   std::error_code error;
-  if (path.empty() || !fs::exists(path, error)) return;
+  if (path.empty() || !fs::exists(pathOf(path), error)) return;
   // Before the settings, which may have been changed after the calibration.
   const std::optional<uint32_t> calibration = calibrationIn(readFile(path));
   if (calibration && loadCalibration(radar, *calibration) != 0)
@@ -84,7 +84,7 @@ void keepSession(const Radar &radar) {
   const std::string path = sessionPath(radar);
   if (path.empty()) return;
   std::error_code error;
-  keep(radar, path, fs::exists(path, error) ? calibrationIn(readFile(path)) : std::nullopt);
+  keep(radar, path, fs::exists(pathOf(path), error) ? calibrationIn(readFile(path)) : std::nullopt);
 }
 
 void keepCalibration(const Radar &radar, std::optional<uint32_t> block) {

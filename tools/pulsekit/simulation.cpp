@@ -64,7 +64,7 @@ std::string readSimulatedOtp() {
 // The one-time-programmable area, then each block that is not erased behind its address.
 void loadSimulatedFlash() {
   std::error_code error;
-  if (flash_file.empty() || !std::filesystem::exists(flash_file, error)) return;
+  if (flash_file.empty() || !std::filesystem::exists(pathOf(flash_file), error)) return;
   const std::string kept = readFile(flash_file);
   const auto *bytes = reinterpret_cast<const uint8_t *>(kept.data());
   if (kept.size() < QTXSIM_OTP_SIZE || (kept.size() - QTXSIM_OTP_SIZE) % (kAddress + kBlock) != 0) return;

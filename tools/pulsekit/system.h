@@ -1,11 +1,18 @@
 // What differs between operating systems.
 #pragma once
 
+#include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "text.h"
+
 namespace tool {
+
+/// The program's name and arguments, in UTF-8. Call first of all: it also prepares the terminal.
+Strings commandLine(int count, char **arguments);
 
 bool isTerminal(FILE *stream);
 
@@ -23,6 +30,14 @@ bool speaksUtf8();
 /// is started.
 void onInterrupt(std::function<void()> react);
 
+/// Names of files are UTF-8 everywhere.
+std::filesystem::path pathOf(const std::string &name);
+std::string nameOf(const std::filesystem::path &path);
+
+/// Null where it can't be; errno tells why. A new one takes no other's place unless it may replace it.
+FILE *openFile(const std::string &name);
+FILE *createFile(const std::string &name, bool replace);
+
 /// Flushes the file's content to the disk and closes it. False when something did not get there.
 bool closeDurably(FILE *file);
 
@@ -31,6 +46,10 @@ bool closeDurably(FILE *file);
 std::string sessionDirectory();
 
 void setEnvironment(const char *name, const std::string &value);
+
+/// Runs another program with this text as its input. Its exit code; 127 where there is no such program, -1 where it did
+/// not take the text.
+int feed(const char *program, const std::string &input);
 
 int processNumber();
 

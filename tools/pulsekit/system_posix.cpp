@@ -63,6 +63,16 @@ bool ownDirectory(const std::string &path) {
 
 }  // namespace
 
+Strings commandLine(int count, char **arguments) { return {arguments, arguments + count}; }
+
+std::filesystem::path pathOf(const std::string &name) { return name; }
+
+std::string nameOf(const std::filesystem::path &path) { return path.string(); }
+
+FILE *openFile(const std::string &name) { return std::fopen(name.c_str(), "rb"); }
+
+FILE *createFile(const std::string &name, bool replace) { return std::fopen(name.c_str(), replace ? "wb" : "wbx"); }
+
 bool isTerminal(FILE *stream) { return isatty(fileno(stream)) == 1; }
 
 TerminalSize terminalSize() {
@@ -101,6 +111,14 @@ std::string sessionDirectory() {
 }
 
 void setEnvironment(const char *name, const std::string &value) { setenv(name, value.c_str(), 1); }
+
+int feed(const char *program, const std::string &input) {
+  FILE *pipe = popen(program, "w");
+  if (!pipe) return 127;
+  const bool written = std::fwrite(input.data(), 1, input.size(), pipe) == input.size();
+  const int status = pclose(pipe);
+  return written && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
 
 int processNumber() { return getpid(); }
 

@@ -3,7 +3,11 @@
 
 #include "FTx232H_D2XX.h"
 
+#ifdef _WIN32
+#define EXPORT /* FTD2XX.def does it */
+#else
 #define EXPORT __attribute__((visibility("default")))
+#endif
 #define CHECK(condition) \
   if (!(condition)) return FT_INVALID_PARAMETER
 

@@ -10,6 +10,11 @@
 
 namespace {
 
+std::string variable(const char *name) {
+  const char *value = std::getenv(name);
+  return value ? value : "";
+}
+
 class VendorLibrary : public ::testing::Test {
  protected:
   VendorLibrary() {
@@ -41,23 +46,23 @@ TEST_F(VendorLibrary, Complete) {
 
 // What the environment names decides alone: with EXPECTED_LIST empty nothing is found, although the vendor's is there.
 TEST_F(VendorLibrary, Named) {
-  const std::string expected = std::getenv("EXPECTED_LIST");
+  const std::string expected = variable("EXPECTED_LIST");
   EXPECT_EQ(FTx232H_ListDevices(bridge, list, sizeof list), expected.empty() ? 259 : 0);
   EXPECT_EQ(list, expected);
   char text[512];
   EXPECT_EQ(FTx232H_DescribeBridgeLibraries(text, sizeof text), 0);
-  const std::string start = std::string(std::getenv("PULSEKIT3_BRIDGE_LIBRARY")) + " (PULSEKIT3_BRIDGE_LIBRARY): ";
-  EXPECT_EQ(text, start + std::getenv("EXPECTED_REPORT") + '\n');
+  const std::string start = variable("PULSEKIT3_BRIDGE_LIBRARY") + " (PULSEKIT3_BRIDGE_LIBRARY): ";
+  EXPECT_EQ(text, start + variable("EXPECTED_REPORT") + '\n');
   EXPECT_EQ(FTx232H_DescribeBridgeLibraries(text, 8), 2);
   EXPECT_EQ(text, start.substr(0, 7));
 }
 
 // The library's own way is next, where the machine that runs this has a USB.
-TEST_F(VendorLibrary, Crippled) {
+TEST_F(VendorLibrary, Refused) {
   char text[512];
   EXPECT_EQ(FTx232H_DescribeBridgeLibraries(text, sizeof text), 0);
   const std::string report = text;
-  EXPECT_EQ(report.find("libftd2xx.so: refused: it lacks FT_GetDeviceInfoList\n"), 0u) << report;
+  EXPECT_EQ(report.find(variable("EXPECTED_REPORT")), 0u) << report;
   if (report.find("in use") == report.npos) {
     EXPECT_EQ(FTx232H_ListDevices(bridge, list, sizeof list), 259);
     EXPECT_STREQ(radar->error->message, "FTx232H - Could not create list of connected FT-devices");
