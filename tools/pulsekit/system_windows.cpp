@@ -1,10 +1,13 @@
+// The others need the first.
+// clang-format off
 #define WIN32_LEAN_AND_MEAN
+#include <windows.h>
 #include <fcntl.h>
 #include <io.h>
 #include <process.h>
 #include <shellapi.h>
 #include <sys/stat.h>
-#include <windows.h>
+// clang-format on
 
 #include <atomic>
 #include <cstdlib>
