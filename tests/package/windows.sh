@@ -19,7 +19,7 @@ quietly cmake -S "$work" -B "$work/build" -DCMAKE_TOOLCHAIN_FILE="$here/../../cm
   -DCMAKE_FIND_ROOT_PATH="$package"
 quietly cmake --build "$work/build"
 cp "$work/build/first.exe" "$package/bin/second.exe"
-x86_64-w64-mingw32-dlltool -d "$package/lib/Pulsekit3.def" -l "$work/libPulsekit3.a"
+x86_64-w64-mingw32-dlltool -D Pulsekit3.dll -d "$package/lib/Pulsekit3.def" -l "$work/libPulsekit3.a"
 x86_64-w64-mingw32-gcc-posix "$work/first.c" -o "$package/bin/third.exe" -I"$package/include" "$work/libPulsekit3.a"
 export PULSEKIT3_BRIDGE_LIBRARY=Pulsekit3Simulator.dll
 for program in first second third; do "$wine" "$package/bin/$program.exe" | grep 'level at the first sampler: [0-9.]* %'; done

@@ -6,10 +6,10 @@
 #include <io.h>
 #include <process.h>
 #include <shellapi.h>
-#include <sys/stat.h>
 // clang-format on
 
 #include <atomic>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
@@ -125,10 +125,21 @@ std::filesystem::path pathOf(const std::string &name) { return wide(name); }
 
 std::string nameOf(const std::filesystem::path &path) { return utf8(path.wstring()); }
 
+// Others may put a file of their own in its place, as the library does.
 FILE *createFile(const std::string &name, bool replace) {
-  const int flags = _O_WRONLY | _O_CREAT | _O_BINARY | _O_NOINHERIT | (replace ? _O_TRUNC : _O_EXCL);
-  const int file = _wopen(wide(name).c_str(), flags, _S_IREAD | _S_IWRITE);
-  return file >= 0 ? _fdopen(file, "wb") : nullptr;
+  const HANDLE created =
+      CreateFileW(wide(name).c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                  replace ? CREATE_ALWAYS : CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (created == INVALID_HANDLE_VALUE) {
+    const DWORD error = GetLastError();
+    errno = error == ERROR_PATH_NOT_FOUND                                      ? ENOENT
+            : error == ERROR_FILE_EXISTS                                       ? EEXIST
+            : error == ERROR_DISK_FULL                                         ? ENOSPC
+            : error == ERROR_ACCESS_DENIED || error == ERROR_SHARING_VIOLATION ? EACCES
+                                                                               : EINVAL;
+    return nullptr;
+  }
+  return _fdopen(_open_osfhandle(reinterpret_cast<intptr_t>(created), _O_BINARY), "wb");
 }
 
 FILE *openFile(const std::string &name) { return _wfopen(wide(name).c_str(), L"rb"); }

@@ -30,6 +30,11 @@ Target targetOf(const std::wstring &path) {
                            information.nNumberOfLinks == 1;
   CloseHandle(file);
   const bool link = exists && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+  // One that somebody has open can't be replaced.
+  const HANDLE alone =
+      CreateFileW(path.c_str(), GENERIC_WRITE | DELETE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (alone == INVALID_HANDLE_VALUE) return Target::kOther;
+  CloseHandle(alone);
   return replaceable && !link ? Target::kFile : Target::kOther;
 }
 
