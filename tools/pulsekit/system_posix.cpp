@@ -24,7 +24,7 @@ namespace {
 
 // The program that runs in our place; kStarting while its number is not known yet.
 constexpr pid_t kStarting = -1;
-std::atomic<pid_t> program = 0;
+std::atomic<pid_t> standIn = 0;
 
 constexpr long kReactAgainNanoseconds = 50'000'000;
 
@@ -42,8 +42,8 @@ void waitForSignals(const std::function<void()> &react) {
   for (int requests = 0; requests < 3;) {
     siginfo_t info = {};
     const int signal = requests == 0 ? sigwaitinfo(&signals, &info) : sigtimedwait(&signals, &info, &pause);
-    while (program == kStarting) std::this_thread::yield();
-    if (const pid_t other = program; other != 0 && signal > 0) {
+    while (standIn == kStarting) std::this_thread::yield();
+    if (const pid_t other = standIn; other != 0 && signal > 0) {
       // What the terminal sends has reached it, too.
       if (info.si_code != SI_KERNEL) kill(other, signal);
       continue;
@@ -144,18 +144,18 @@ int runProgram(const std::vector<std::string> &command) {
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
   posix_spawnattr_setsigmask(&attributes, &none);
   posix_spawnattr_setsigdefault(&attributes, &defaults);
-  program = kStarting;
+  standIn = kStarting;
   pid_t process = 0;
   const int failure = posix_spawnp(&process, arguments[0], nullptr, &attributes, arguments.data(), environ);
   posix_spawnattr_destroy(&attributes);
-  program = failure == 0 ? process : 0;
+  standIn = failure == 0 ? process : 0;
   if (failure != 0)
     throw Failure(cat(command[0], ": ", std::strerror(failure)), "check the command's name and its rights");
 
   int status = 0;
   while (waitpid(process, &status, 0) < 0 && errno == EINTR) {
   }
-  program = 0;
+  standIn = 0;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
