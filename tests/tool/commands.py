@@ -257,7 +257,8 @@ class Commands(unittest.TestCase):
         """Progress with the time that is left, live pictures, colours: on a terminal only."""
         for command, pattern in (('capture -n 50 --rate 25 -o slow.npy', r'capturing \[#+\.*\] \d+ %, \d+ of 50, \d+ s left'),
                                  ('watch -n 5', r'(?s)\x1b\[H.*Radar SIM00001, 5 frames.*[\u2801-\u28ff].*\x1b\[\?25h'),
-                                 ('set ZoomMin=40 ZoomMax=60', 'ZoomMin'), ('cdf', r'measuring \[#*\.+\] \d+ %, \d+ s left'), ('list', r'\x1b\[1m +serial'), ('capture', r'A frame of SIM00001')):
+                                 ('cdf', r'measuring \[#*\.+\] \d+ %, \d+ s left'), ('set ZoomMin=40 ZoomMax=60', 'ZoomMin'),
+                                 ('list', r'\x1b\[1m +serial'), ('capture', r'A frame of SIM00001')):
             with self.subTest(command):
                 main, side = pty.openpty()
                 tool = self.start(command, stdin=side, stdout=side, stderr=side)
