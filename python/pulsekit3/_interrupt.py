@@ -71,16 +71,19 @@ def call(function: Any, handle: int, *arguments: Any) -> int:
     if _writer is None:
         _start()
     try:
-        previous = signal.set_wakeup_fd(_descriptor, warn_on_full_buffer=False)
-    except ValueError:  # not the main interpreter
-        return int(function(handle, *arguments))
-    try:
+        _in_call = (handle,)  # before signals are watched for, so that none finds nothing to cancel
+        try:
+            previous = signal.set_wakeup_fd(_descriptor, warn_on_full_buffer=False)
+        except ValueError:  # not the main interpreter
+            return int(function(handle, *arguments))
         _previous = previous if previous != _descriptor else -1
-        _in_call = (handle,)
         code: int = function(handle, *arguments)
         return code
     finally:
         _in_call = None
-        signal.set_wakeup_fd(_previous)
+        try:
+            signal.set_wakeup_fd(_previous)
+        except ValueError:
+            pass
         with _guard:  # no cancel is under way when the handle is freed
             pass

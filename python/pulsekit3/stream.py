@@ -26,6 +26,7 @@ _INFO = np.dtype(
     [("number", "<u8"), ("time", "<f8"), ("arrived", "<u8"), ("settings", "<u4"), ("samplers", "<u4"), ("flags", "<u4"), ("", "<u4")]
 )
 _RETAKEN, _LATE = 1, 2
+_SIGNAL_SECONDS = 0.5  # a signal just before the event loop begins to wait does not end that wait
 
 
 def kind_of(kind: str) -> tuple[int, type[np.generic]]:
@@ -201,7 +202,9 @@ class Stream:
         """In a thread; when the task is cancelled, the wait ends at once."""
         reading = asyncio.get_running_loop().run_in_executor(None, self._fill)
         try:
-            return await asyncio.shield(reading)
+            while not reading.done():
+                await asyncio.wait([reading], timeout=_SIGNAL_SECONDS)
+            return reading.result()
         except asyncio.CancelledError:
             while not reading.done():
                 self._radar.cancel()
