@@ -410,16 +410,19 @@ int32_t Stream::turn(bool &progress) {
   return kSuccess;
 }
 
-bool Stream::stalled(bool progress) {
-  const uint64_t now = QTX_timestamp_us();
-  if (progress || checked_ == ordered_ || last_progress_ == 0) {
-    last_progress_ = now;
-    naps_ = 0;
+void Stream::noteProgress() {
+  last_progress_ = QTX_timestamp_us();
+  naps_ = 0;
+}
+
+bool Stream::stalled() {
+  if (checked_ == ordered_ || last_progress_ == 0) {
+    noteProgress();
     return false;
   }
   const double due = static_cast<double>(clocks_in_flight_) * 1000 / epoch_->clock;
   const uint64_t limit = kPatience + static_cast<uint64_t>(due);
-  return ++naps_ > limit || (naps_ > kShortestStall && (now - last_progress_) / 1000 > limit);
+  return ++naps_ > limit || (naps_ > kShortestStall && (QTX_timestamp_us() - last_progress_) / 1000 > limit);
 }
 
 int32_t Stream::wait(Deadline &deadline) {
@@ -428,14 +431,16 @@ int32_t Stream::wait(Deadline &deadline) {
   for (;;) {
     bool progress = false;
     const int32_t code = turn(progress);
+    if (progress) noteProgress();
     if (lastUnitOfNextFrame() != kNone) return kSuccess;
     if (code) return passThrough(handle_->error, HERE, code);
     if (trouble_) return origin(handle_->error, HERE, std::exchange(trouble_, 0), trouble_text_);
     if (int32_t ended = waitCheck(handle_, deadline)) return origin(handle_->error, HERE, ended);
-    if (stalled(progress)) {
+    if (progress) continue;
+    if (stalled()) {
       fail(unit(checked_).number, kInterfaceTimeout, "The bridge does not answer any more");
       dropPrograms(bridge());
-    } else if (!progress) {
+    } else {
       QTX_sleep_ms(1);
     }
   }

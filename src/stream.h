@@ -119,7 +119,8 @@ class Stream final : public HandlePart, public ProgramOwner {
   void discardFrom(uint64_t number);
   int32_t tidyUp();
   uint64_t lastUnitOfNextFrame() const;
-  bool stalled(bool progress);
+  void noteProgress();
+  bool stalled();
 
   QTX_Handle *handle_;
   const chip::SweepDriver &driver_;
