@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 constexpr uint8_t kVendorRequestOut = 0x40;
 constexpr uint8_t kRequestReset = 0x00, kRequestLatency = 0x09, kRequestBitMode = 0x0B;
 constexpr uint16_t kResetAll = 0;
-constexpr uint16_t kDefaultLatencyMs = 16;
+constexpr uint8_t kDefaultLatencyMs = 16;
 constexpr unsigned kControlTimeoutMs = 1000;
 
 constexpr uint32_t kStatusBytes = 2;    // at the start of each packet
@@ -29,6 +29,8 @@ constexpr uint32_t kOpenPauseMs = 20;
 
 constexpr auto kLookWait = 200us;
 constexpr auto kMoreExpected = 5ms;
+constexpr auto kListening = 250ms;  // after the last call or the last data
+constexpr auto kAnswerTime = 5ms;   // that an idle bridge takes besides its latency, at most
 
 // What is about to change after plugging in, or while another process looks at its ports.
 bool mayPass(int error) { return error == LIBUSB_ERROR_BUSY || error == LIBUSB_ERROR_ACCESS; }
@@ -110,7 +112,7 @@ std::shared_ptr<Channel> Channel::open(Events &events, const Port &port, int *er
   if (!status) status = channel->control(kRequestLatency, kDefaultLatencyMs);
   if (!status) {
     const std::lock_guard guard(channel->mutex_);
-    channel->feed();
+    channel->listen();
     status = channel->failure_;
   }
   if (!status) return channel;
@@ -126,7 +128,8 @@ Channel::Channel(DeviceHandle handle, Events &events, const Port &port, const li
       ring_(kRingLimit + kIncoming * kLargestIn),
       in_buffers_(new uint8_t[kIncoming * kLargestIn]),
       in_size_(kDefaultTransferSize),
-      out_size_(kDefaultTransferSize) {
+      out_size_(kDefaultTransferSize),
+      latency_ms_(kDefaultLatencyMs) {
   for (uint8_t i = 0; i < endpoints.bNumEndpoints; ++i) {
     const libusb_endpoint_descriptor &endpoint = endpoints.endpoint[i];
     const bool in = (endpoint.bEndpointAddress & LIBUSB_ENDPOINT_IN) != 0;
@@ -197,8 +200,14 @@ size_t Channel::receiving() const {
   return static_cast<size_t>(std::count_if(in_.begin(), in_.end(), [](const Transfer &in) { return in.in_flight; }));
 }
 
+void Channel::listen() {
+  listen_until_ = Clock::now() + kListening;
+  feed();
+}
+
 // Asks for more with every transfer that is at hand.
 void Channel::feed() {
+  if (waiting_for_data_ == 0 && Clock::now() >= listen_until_) return;
   for (Transfer &in : in_) {
     if (restarting_ || status() || ring_.size() >= kRingLimit) return;
     if (in.in_flight) continue;
@@ -228,9 +237,15 @@ void Channel::arrived(libusb_transfer &transfer) noexcept {
   const bool good = transfer.status == LIBUSB_TRANSFER_COMPLETED || transfer.status == LIBUSB_TRANSFER_CANCELLED;
   errors_ = good ? 0 : errors_ + 1;
   if (transfer.status == LIBUSB_TRANSFER_NO_DEVICE || errors_ > kErrorsInARow) fail(LIBUSB_ERROR_IO);
-  if (ring_.size() > before) more_expected_until_ = Clock::now() + kMoreExpected;
-  feed();
-  if (ring_.size() > before || restarting_ || status()) changed_.notify_all();
+  const bool data = ring_.size() > before;
+  if (data) {
+    more_expected_until_ = Clock::now() + kMoreExpected;
+    listen();
+  } else {
+    feed();
+  }
+  ++arrivals_;
+  if (data || restarting_ || waiting_for_arrival_ > 0 || status()) changed_.notify_all();
 }
 
 // Fetches what has left the bridge, and begins anew.
@@ -244,13 +259,15 @@ void Channel::restart(std::unique_lock<std::mutex> &lock, bool drop, uint32_t in
   if (drop) ring_.clear();
   in_size_ = in_size;
   restarting_ = false;
-  feed();
+  listen();
   changed_.notify_all();
 }
 
 FT_STATUS Channel::read(uint8_t *bytes, uint32_t count, uint32_t *got) {
   Call call(*this);
   const Deadline deadline = deadlineAfter(read_timeout_);
+  ++waiting_for_data_;
+  listen();
   while (*got < count && !status()) {
     // What does not fit the ring comes in parts.
     const size_t part = std::min<size_t>(count - *got, kRingLimit / 2);
@@ -262,14 +279,22 @@ FT_STATUS Channel::read(uint8_t *bytes, uint32_t count, uint32_t *got) {
     feed();
     if (!there) break;
   }
+  --waiting_for_data_;
   last_look_ = ring_.size();
   return status();
 }
 
 FT_STATUS Channel::queued(uint32_t *count) {
   Call call(*this);
+  const bool idle = receiving() == 0;
+  listen();
   const Clock::time_point now = Clock::now();
-  if (ring_.size() == last_look_ && now < more_expected_until_) {
+  if (idle && ring_.size() == 0) {
+    const uint32_t before = arrivals_;
+    ++waiting_for_arrival_;
+    wait(call.lock, now + std::chrono::milliseconds(latency_ms_) + kAnswerTime, [&] { return arrivals_ != before; });
+    --waiting_for_arrival_;
+  } else if (ring_.size() == last_look_ && now < more_expected_until_) {
     wait(call.lock, now + kLookWait, [this] { return ring_.size() != last_look_; });
   }
   last_look_ = ring_.size();
@@ -297,6 +322,7 @@ uint32_t Channel::send(std::unique_lock<std::mutex> &lock, const uint8_t *bytes,
     return 0;
   }
   out_.in_flight = true;
+  listen();
   if (!wait(lock, deadline, [this] { return !out_.in_flight; }) && out_.in_flight) {
     libusb_cancel_transfer(transfer);
     changed_.wait(lock, [this] { return !out_.in_flight; });
@@ -321,6 +347,7 @@ FT_STATUS Channel::write(const uint8_t *bytes, uint32_t count, uint32_t *written
   }
   writing_ = false;
   more_expected_until_ = Clock::now() + kMoreExpected;
+  listen();
   changed_.notify_all();
   return failure && !status() ? failure : status();
 }
@@ -355,7 +382,13 @@ FT_STATUS Channel::setTimeouts(uint32_t read_ms, uint32_t write_ms) {
   return status();
 }
 
-FT_STATUS Channel::setLatency(uint8_t ms) { return control(kRequestLatency, ms); }
+FT_STATUS Channel::setLatency(uint8_t ms) {
+  const FT_STATUS failure = control(kRequestLatency, ms);
+  if (failure) return failure;
+  const Call call(*this);
+  latency_ms_ = ms;
+  return status();
+}
 
 FT_STATUS Channel::setBitMode(uint8_t mask, uint8_t mode) {
   return control(kRequestBitMode, static_cast<uint16_t>(mode << 8 | mask));

@@ -1,5 +1,6 @@
-// A channel of a bridge that is open: what the host sends goes out at once, what the bridge sends is fetched all the
-// time and kept until the host reads it.
+// A channel of a bridge that is open: what the host sends goes out at once, what the bridge sends is fetched and kept
+// until the host reads it. Where nothing came and nobody asked for a while, nothing is fetched until the next call: a
+// bridge that is left alone would answer hundreds of times a second that it has nothing.
 #pragma once
 
 #include <libusb.h>
@@ -51,7 +52,8 @@ class Channel {
   FT_STATUS read(uint8_t *bytes, uint32_t count, uint32_t *got);
   FT_STATUS write(const uint8_t *bytes, uint32_t count, uint32_t *written);
   // A look that finds nothing new shortly after something was written or has arrived waits a moment for more: who looks
-  // again and again sleeps between the looks, in whole milliseconds.
+  // again and again sleeps between the looks, in whole milliseconds. The first look after a while waits for what the
+  // bridge has to say.
   FT_STATUS queued(uint32_t *count);
   FT_STATUS reset();
   FT_STATUS setTimeouts(uint32_t read_ms, uint32_t write_ms);
@@ -82,6 +84,7 @@ class Channel {
   void fail(int error);
 
   // Receiving.
+  void listen();
   void feed();
   size_t receiving() const;
   void arrived(libusb_transfer &transfer) noexcept;
@@ -113,6 +116,10 @@ class Channel {
   uint32_t in_size_, out_size_;
   uint32_t errors_ = 0;  // in a row
   bool restarting_ = false;
+  uint32_t arrivals_ = 0;
+  uint32_t waiting_for_data_ = 0, waiting_for_arrival_ = 0;  // calls
+  uint8_t latency_ms_;
+  Clock::time_point listen_until_;
   size_t last_look_ = 0;
   Clock::time_point more_expected_until_;
 
