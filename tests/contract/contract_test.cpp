@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <functional>
 #include <map>
+#include <regex>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -106,6 +107,24 @@ const Row kRows[] = {
      "0 0 0 1:short 0 0 0 0:2 0:FAAA", Row::Usb},
     {"ManyThreads", "open FT0001ABA storm open FT0001ABA w AA87 r 2", "0 fine 0 0:2 0:FAAA", Row::Usb},
     {"Fork", "open FT0001ABA fork w AA87 r 2", "0 1:1:0 0:2 0:FAAA", Row::Usb},
+    {"PortsFree", "open FT0001ABA plug FT0003EF 2 ports 1",
+     "0 open_in_this_program|ready|ready|ready|no_MPSSE:_this_channel_is_a_serial_port_only:_use_channel_A_or_B|"
+     "no_MPSSE:_this_channel_is_a_serial_port_only:_use_channel_A_or_B",
+     Row::Usb},
+    {"PortsOfTheKernel", "open FT0001ABA ports 0",
+     "0 open_in_this_program|wrong_driver:_the_kernel's_driver_for_serial_ports_has_it:_sudo_rmmod_ftdi_sio", Row::Usb},
+    {"PortsInUse", "held 1 ports 1",
+     "busy:_another_program_has_it_open:_end_that_program|busy:_another_program_has_it_open:_end_that_program",
+     Row::Usb},
+    {"PortsOfOthers", "access 0 ports 1",
+     "no_rights:_this_user_may_not_use_NODE:_put_the_udev_rule_60-pulsekit3.rules_in_place,_be_in_the_group_plugdev,_"
+     "plug_"
+     "the_bridge_in_again|no_rights:_this_user_may_not_use_NODE:_put_the_udev_rule_60-pulsekit3.rules_in_place,_be_in_"
+     "the_"
+     "group_plugdev,_plug_the_bridge_in_again",
+     Row::Usb},
+    {"LeftAlone", "open FT0001ABA nap 400 quiet w 88AA87 nap 400 quiet drive 1 nap 400 q r 2 nap 400 quiet unplug gone",
+     "0 quiet 0:3 quiet 0:2 0:FAAA quiet 4:0", Row::Usb},
     {"LeftOpenAtTheEnd", "open FT0001ABA timeouts 0 0 reads", "0 0", Row::Usb},
 };
 
@@ -171,6 +190,8 @@ class Script {
     if (step == "latency") return words >> one, text(table_.SetLatencyTimer(handle_, static_cast<uint8_t>(one)));
     if (step == "mode") return words >> one, text(table_.SetBitMode(handle_, 0, static_cast<uint8_t>(one)));
     if (step == "reset") return text(table_.ResetDevice(handle_));
+    if (step == "nap") return words >> one, nap(static_cast<int>(one)), "";
+    if (step == "drive") return words >> one, QTXSim_DrivePin(0, 5, static_cast<int32_t>(one)), "";
     if (step == "number") return number();
     if (step == "serial") return words >> one, name(one, FT_OPEN_BY_SERIAL_NUMBER);
     if (step == "text") return words >> one, name(one, FT_OPEN_BY_DESCRIPTION);
@@ -284,6 +305,15 @@ class Script {
     std::string now = look();
     for (int i = 0; i < 1000 && now[0] == '0'; ++i) nap(2), now = look();
     return now;
+  }
+
+  // Of each port what is the matter with it.
+  static std::string ports(const std::string &lines) {
+    std::string all;
+    std::istringstream text(std::regex_replace(withoutBlanks(lines), std::regex("/dev/bus/usb/[0-9/]+"), "NODE"));
+    for (std::string line; std::getline(text, line);)
+      all += (all.empty() ? "" : "|") + line.substr(line.find(":_") + 2);
+    return all;
   }
 
   std::string number() {
@@ -417,6 +447,11 @@ UsbBed *bed = nullptr;
 std::string Script::onUsb(const std::string &step, std::istringstream &words) {
   uint32_t on = 0;
   if (step == "access") return words >> on, bed->setAccess(0, on != 0), "";
+  if (step == "quiet") {
+    const unsigned long long before = bed->requests();
+    return nap(100), bed->requests() == before ? "quiet" : "requests";
+  }
+  if (step == "ports") return words >> on, ports(pulsekit::d2xx::usb::describePorts(on != 0));
   if (step == "driver") return std::string(bed->driverBound(0, 0) ? "1" : "0") + (bed->driverBound(0, 1) ? "1" : "0");
   if (step != "fork") return "unknown step " + step;
   // The child has neither the handle nor the parent's part in the conversation.
