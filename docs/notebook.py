@@ -17,12 +17,17 @@ names: dict = {}
 faults = []
 
 
+def without_lines(text):
+    """Lines of the library's source code move with every change of it."""
+    return re.sub(r"(?<= in src/)(\w+):\d+", r"\1", text)
+
+
 def run(cell):
     printed = io.StringIO()
     with contextlib.redirect_stdout(printed):
         exec(compile(cell[1], guide.name, "exec"), names)
     text = "".join(line.rstrip() + "\n" for line in printed.getvalue().splitlines())
-    if text != (cell[2] or ""):
+    if without_lines(text) != without_lines(cell[2] or ""):
         faults.append(f"{cell[1]}prints:\n{text}")
     return f"```py\n{cell[1]}```\n" + (f"\n```text\n{text}```\n" if text else "")
 

@@ -156,7 +156,7 @@ std::string possibleValues(VariableSet *set, Variable *variable, const std::stri
       items.emplace_back(sym_to_str(set, static_cast<int32_t>(variable->items[i])));
     }
     const std::vector<std::string> near = nearest(value, items);
-    return "it is one of " + joined(items) + (near.empty() ? "" : "; did you mean " + near.front() + "?");
+    return "it is one of " + joined(items) + (near.empty() ? "" : "; the nearest is " + near.front());
   }
   const bool real = (variable->flags & VAR_FLAG_FLOAT) != 0;
   return (real ? "it takes numbers from " : "it takes whole numbers from ") + number(variable->min, real) + " to " +

@@ -258,6 +258,7 @@ void cdf(const Options &options, std::string output, Strings plots) {
   }
   const Radar radar(options);
   const Geometry geometry = frameGeometry(radar);
+  warnOfSettings(radar);
   const uint64_t least = radar.whole("DACMin"), most = radar.whole("DACMax"), step = radar.whole("DACStepFine");
   if (least > most)
     throw Failure(cat("DACMin (", least, ") is above DACMax (", most, ')'), "pulsekit reset DACMin DACMax");

@@ -96,7 +96,7 @@ void checkCounters(VariableSet *set, Findings &findings) {
 
 void checkWindow(VariableSet *set, Findings &findings) {
   if (!(realSetting(set, "SamplesPerSecond") > 0)) {
-    findings.add("SamplesPerSecond", "it is 0, so that a frame has no length", "set it to auto, or calibrate");
+    return findings.add("SamplesPerSecond", "it is 0, so that a frame has no length", "set it to auto, or calibrate");
   }
   if (windowIsElsewhere(set)) {
     findings.add("SampleDelay", "the window stands where other delay steps than the present ones have put it",
