@@ -62,9 +62,10 @@ QTX_API int32_t QTX_CheckSettings(QTX_Handle *handle, char *text, int32_t size, 
 /* Calibrates the delay lines and the sampling rate: switches the timing measurement on, runs the action MeasureAll, and
    puts the sampling window where the new results say. Takes seconds; QTX_Cancel ends it. The results are kept in block
    `store_block` of the board's flash (4 KiB each, see QTX_TimingMeasurementSaveDataToFlash); -1: they are not.
-   A calibration that fails or is cancelled leaves settings and results as they were.
-   Codes: 1025, 1 (no such block), 770, 4, 269, 771 (nothing was measured), 1540, and those of measuring and of the
-   flash. */
+   A calibration that fails or is cancelled leaves settings and results as they were; one that is made but can't be
+   written to the flash is in force.
+   Codes: 1025, 1 (no such block), 770, 4, 269, 514 (no board to keep it on), 771 (nothing was measured), 1540, and
+   those of measuring and of the flash. */
 QTX_API int32_t QTX_Calibrate(QTX_Handle *handle, int32_t store_block);
 
 #ifdef __cplusplus

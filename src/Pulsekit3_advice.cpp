@@ -272,6 +272,12 @@ const char *const kOpenARadar = "Open a radar with QTX_OpenRadar and an entry of
 
 std::string adviseNothingOpen(const Failure &) { return kOpenARadar; }
 
+std::string adviseArgument(const Failure &failure) {
+  const bool lists = failure.in("QTX_ListVariables") || failure.in("QTX_ListActions");
+  if (lists && !failure.handle->interface_handle) return kOpenARadar;
+  return "An argument is null or out of its range: the header says what the function takes.";
+}
+
 std::string adviseMissingPart(const Failure &failure) {
   if (!failure.handle->interface_handle) return kOpenARadar;
   return "The radar was opened without this part, as its connection string says Unknown there. It was not recognised "
@@ -386,7 +392,7 @@ struct ByCode {
 };
 
 constexpr ByCode kByCode[] = {
-    {kError, nullptr, "An argument is null or out of its range: the header says what the function takes."},
+    {kError, adviseArgument, nullptr},
     {kBufferTooSmall, adviseSize, nullptr},
     {kNotImplemented, nullptr,
      "This chip or board can't do that; second-generation chips (QTX3701, QTX3702) do it all."},

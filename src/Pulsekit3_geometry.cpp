@@ -59,6 +59,14 @@ void checkPower(const QTX_Handle *handle, chip::Findings &findings) {
   }
 }
 
+// What could not be kept is not measured first. 514 without a module that has a flash, 1 for a block outside of it.
+int32_t checkBlock(const QTX_Handle *handle, TracePoint at, int32_t block) {
+  constexpr double kFlashSize = 1 << 24;  // as far as addresses reach
+  if (int32_t code = checkModule(handle, at, &ModuleHandle::variables)) return code;
+  const double end = (block + 1.0) * stored(handle->module->variables, "FlashBlockSize");
+  return end <= kFlashSize ? int32_t{kSuccess} : origin(handle->error, at, kError, "There is no such block");
+}
+
 }  // namespace
 
 extern "C" {
@@ -116,6 +124,7 @@ int32_t QTX_Calibrate(QTX_Handle *handle, int32_t store_block) try {
   if (int32_t code = findDriver(handle, HERE, call)) return code;
   if (int32_t code = checkInterface(handle, HERE, &InterfaceHandle::SendReceiveSPI)) return code;
   if (int32_t code = checkNoStream(handle, HERE)) return code;
+  if (int32_t code = store_block < 0 ? int32_t{kSuccess} : checkBlock(handle, HERE, store_block)) return code;
   if (int32_t code = call.driver->calibrate(call.chip)) return passThrough(handle->error, HERE, scope.result(code));
   if (store_block < 0) return scope.result(kSuccess);
   if (int32_t code = QTX_TimingMeasurementSaveDataToFlash(handle, static_cast<uint32_t>(store_block))) {

@@ -40,22 +40,26 @@ int32_t listNames(QTX_Handle *handle, TracePoint at, char *text, int32_t size, L
   const auto append = [&](std::string_view addition) {
     return list.append(addition) ? int32_t{kSuccess} : origin(handle->error, at, kBufferTooSmall);
   };
+  // A layer that is not there has no record to tell it in.
+  const auto failed = [&](const void *layer, int32_t code) {
+    return layer ? passThrough(handle->error, at, code) : origin(handle->error, at, code);
+  };
 
   if (int32_t code = list_interface(handle->interface_handle, names, sizeof names)) {
-    return passThrough(handle->error, at, code);
+    return failed(handle->interface_handle, code);
   }
   if (int32_t code = append(names)) return code;
   if (int32_t code = append(list.empty() ? "" : ",")) return code;
 
   const ConnectionInfo *info = handle->connection_info;
   if (info && isKnown(info->module_name)) {
-    if (int32_t code = list_module(handle->module, names, sizeof names)) return passThrough(handle->error, at, code);
+    if (int32_t code = list_module(handle->module, names, sizeof names)) return failed(handle->module, code);
     if (int32_t code = append(names)) return code;
   }
   if (int32_t code = append(list.empty() ? "" : ",")) return code;
 
   if (!info || !isKnown(info->chip_name)) return kSuccess;
-  if (int32_t code = list_chip(handle->chip, names, sizeof names)) return passThrough(handle->error, at, code);
+  if (int32_t code = list_chip(handle->chip, names, sizeof names)) return failed(handle->chip, code);
   return append(names);
 }
 

@@ -84,6 +84,7 @@ TEST_F(Geometry, CalibrationPutsTheWindowWhereTheSettingsSay) {
     EXPECT_NEAR(window, asked, 60e-12);
   }
   const auto kept = settings(handle);
+  EXPECT_EQ(QTX_Calibrate(handle, 4096), 1);
   writes_left = 2000;
   EXPECT_EQ(QTX_Calibrate(handle, -1), 1537);
   EXPECT_EQ(settings(handle), kept);
