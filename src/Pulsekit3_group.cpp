@@ -257,11 +257,15 @@ int32_t Group::writeMoved(const Snapshot &since, TracePoint at) {
   std::vector<BusRecording::Operation> read_back;  // in the order of the answer
   for (VariableSet *set : order_) {
     const InterfaceLock lock(bridge);
+    if (set == bridge->variables) {
+      // No operations on the bus, which a stream leaves for them; they are in force at once.
+      touched_ = true;
+      if (int32_t code = writeBackends(since, set)) return passThrough(handle_->error, at, code);
+      continue;
+    }
     BusRecording recording(bridge);
     const int32_t code = writeBackends(since, set);
     recording.stop();
-    // The bridge's own settings are no operations on the bus: they are in force now.
-    touched_ = touched_ || set == bridge->variables;
     if (code) return passThrough(handle_->error, at, code);
     append(recording.operations(), &program, &read_back);
   }

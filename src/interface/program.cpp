@@ -138,8 +138,10 @@ int32_t queueProgram(InterfaceHandle *bridge, BusProgram &program, uint64_t paus
   return run.code == 0 ? run.code : passThrough(record, HERE, run.code);
 }
 
+// What is in flight is collected by the driver, also where operations of others have taken the place of its own since.
+
 int32_t sendPrograms(InterfaceHandle *bridge) {
-  const ProgramOperations *programs = operationsOf(bridge);
+  const ProgramOperations *programs = interfacePrograms(bridge);
   if (!programs) return kSuccess;
   InterfaceLock lock(bridge);
   if (int32_t code = programs->send(bridge)) return passThrough(interfaceErrorRecord(bridge), HERE, code);
@@ -147,23 +149,23 @@ int32_t sendPrograms(InterfaceHandle *bridge) {
 }
 
 int32_t takeAnswers(InterfaceHandle *bridge) {
-  const ProgramOperations *programs = operationsOf(bridge);
+  const ProgramOperations *programs = interfacePrograms(bridge);
   if (!programs) return kSuccess;
   InterfaceLock lock(bridge);
   if (int32_t code = programs->take(bridge)) return passThrough(interfaceErrorRecord(bridge), HERE, code);
   return kSuccess;
 }
 
-int32_t finishPrograms(InterfaceHandle *bridge) {
-  const ProgramOperations *programs = operationsOf(bridge);
+int32_t finishPrograms(InterfaceHandle *bridge, const ProgramRun *last) {
+  const ProgramOperations *programs = interfacePrograms(bridge);
   if (!programs) return kSuccess;
   InterfaceLock lock(bridge);
-  if (int32_t code = programs->finish(bridge)) return passThrough(interfaceErrorRecord(bridge), HERE, code);
+  if (int32_t code = programs->finish(bridge, last)) return passThrough(interfaceErrorRecord(bridge), HERE, code);
   return kSuccess;
 }
 
 void dropPrograms(InterfaceHandle *bridge) {
-  const ProgramOperations *programs = operationsOf(bridge);
+  const ProgramOperations *programs = interfacePrograms(bridge);
   if (!programs) return;
   InterfaceLock lock(bridge);
   programs->drop(bridge);

@@ -87,7 +87,7 @@ struct ProgramOperations {
   int32_t (*queue)(InterfaceHandle *bridge, BusProgram &program, uint64_t pause, ProgramRun &run);
   int32_t (*send)(InterfaceHandle *bridge);
   int32_t (*take)(InterfaceHandle *bridge);
-  int32_t (*finish)(InterfaceHandle *bridge);
+  int32_t (*finish)(InterfaceHandle *bridge, const ProgramRun *last);
   void (*drop)(InterfaceHandle *bridge);
   void (*set_owner)(InterfaceHandle *bridge, ProgramOwner *owner, bool active);
 };
@@ -106,9 +106,9 @@ int32_t queueProgram(InterfaceHandle *bridge, BusProgram &program, uint64_t paus
 int32_t sendPrograms(InterfaceHandle *bridge);
 // Takes the answers that are there; does not wait. A failure ends all that are in flight with its code.
 int32_t takeAnswers(InterfaceHandle *bridge);
-// Sends what is queued and waits for all answers. Codes of sendPrograms and takeAnswers, 270 an answer did not come;
-// and 1537, 1538, which leave everything in flight.
-int32_t finishPrograms(InterfaceHandle *bridge);
+// Sends what is queued and waits for all answers, or for those up to the last one that matters. Codes of sendPrograms
+// and takeAnswers, 270 an answer did not come; and 1537, 1538, which leave everything in flight.
+int32_t finishPrograms(InterfaceHandle *bridge, const ProgramRun *last = nullptr);
 // Forgets what is in flight: done with 1537. The next use of the bus waits until the bridge has carried it out.
 void dropPrograms(InterfaceHandle *bridge);
 

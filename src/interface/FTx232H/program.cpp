@@ -330,14 +330,15 @@ uint64_t patienceFor(FTx232H_Connection &connection) {
   return kPatienceMilliseconds + millisecondsOf(connection, clocks);
 }
 
-Outcome finish(InterfaceHandle *bridge) {
+Outcome finish(InterfaceHandle *bridge, const ProgramRun *last = nullptr) {
   FTx232H_Connection &connection = *connectionOf(bridge);
   if (Outcome sent = send(bridge); sent.code) return sent;
   Wait wait(bridge, patienceFor(connection));
-  while (connection.programs.count > 0) {
+  const auto over = [&] { return connection.programs.count == 0 || (last && last->done); };
+  while (!over()) {
     const uint32_t owed = connection.programs.owed;
     if (Outcome taken = take(bridge); taken.code) return taken;
-    if (connection.programs.count == 0) break;
+    if (over()) break;
     const int32_t code = wait.next(connection.programs.owed < owed);
     if (code == kInterfaceTimeout) return failed(connection, code, kTimeoutMessage);
     if (code) return {code, ""};
@@ -389,7 +390,7 @@ Outcome resynchronise(InterfaceHandle *bridge) {
 
 // ---- Operations ----
 
-// Null where the connection is gone.
+// Null where the connection is gone, and with it all that was in flight.
 FTx232H_Connection *openConnection(const InterfaceHandle *bridge) { return connectionOf(bridge); }
 
 int32_t recorded(const InterfaceHandle *bridge, TracePoint at, Outcome outcome) {
@@ -452,15 +453,15 @@ int32_t order(InterfaceHandle *bridge, BusProgram &program, uint64_t pause, Prog
 }
 
 int32_t sendOrdered(InterfaceHandle *bridge) {
-  return openConnection(bridge) ? recorded(bridge, HERE, send(bridge)) : int32_t{kInterfaceNotInitialized};
+  return openConnection(bridge) ? recorded(bridge, HERE, send(bridge)) : int32_t{kSuccess};
 }
 
 int32_t takeArrived(InterfaceHandle *bridge) {
-  return openConnection(bridge) ? recorded(bridge, HERE, take(bridge)) : int32_t{kInterfaceNotInitialized};
+  return openConnection(bridge) ? recorded(bridge, HERE, take(bridge)) : int32_t{kSuccess};
 }
 
-int32_t finishAll(InterfaceHandle *bridge) {
-  return openConnection(bridge) ? recorded(bridge, HERE, finish(bridge)) : int32_t{kInterfaceNotInitialized};
+int32_t finishUpTo(InterfaceHandle *bridge, const ProgramRun *last) {
+  return openConnection(bridge) ? recorded(bridge, HERE, finish(bridge, last)) : int32_t{kSuccess};
 }
 
 void forgetAll(InterfaceHandle *bridge) {
@@ -535,6 +536,6 @@ const ProgramOperations FTx232H_Programs = {FTx232H_SendReceiveSPI,
                                             order,
                                             sendOrdered,
                                             takeArrived,
-                                            finishAll,
+                                            finishUpTo,
                                             forgetAll,
                                             setOwner};
