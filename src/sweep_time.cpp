@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -36,7 +37,11 @@ class Stopwatch {
         longest_(static_cast<uint64_t>(kLongestProgram * spiClock(bridge))),
         deadline_(bridge->owner) {}
   ~Stopwatch() {
-    if (!looks_[0].run.done || !looks_[1].run.done) dropPrograms(bridge_);
+    if (looks_[0].run.done && looks_[1].run.done) return;
+    const QTX_StackTrace kept = record_ ? *record_ : QTX_StackTrace{};
+    endSweep();
+    dropPrograms(bridge_);
+    if (record_) *record_ = kept;
   }
   Stopwatch(const Stopwatch &) = delete;
   Stopwatch &operator=(const Stopwatch &) = delete;
@@ -118,6 +123,14 @@ class Stopwatch {
     return finishPrograms(bridge_);
   }
 
+  // Behind what is in flight, so that no sweep of hours goes on when nobody waits for it any more.
+  void endSweep() noexcept try {
+    driver_.abort(end_);
+    if (queueProgram(bridge_, end_, 0, ended_) == kSuccess) sendPrograms(bridge_);
+  } catch (const std::bad_alloc &) {
+    return;
+  }
+
   // Reads the status at these times, of a sweep that is started anew or goes on.
   int32_t order(Look &look, Times times, bool anew) {
     look.times = std::move(times);
@@ -175,6 +188,8 @@ class Stopwatch {
   const uint64_t expected_, longest_;  // clocks
   Deadline deadline_;
   std::array<Look, 2> looks_;
+  BusProgram end_;
+  ProgramRun ended_;
   uint64_t elapsed_ = 0;
   uint64_t running_ = 0, over_ = 0;  // the last time at which it ran, the first at which it was over
   size_t first_idle_ = kNone;
