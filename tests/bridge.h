@@ -107,7 +107,7 @@ class Bridge : public Told {
       const uint64_t before = QTXSim_Calls("Write");
       const uint32_t wanted = std::exchange(kinds, 0);
       tells_pauses = false;
-      std::string text = result([&] { return std::to_string(operation()); });
+      std::string text = result([&] { return operation(); });
       text += state();
       kinds = wanted;
       tells_pauses = true;

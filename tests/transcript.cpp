@@ -99,11 +99,6 @@ std::string show(const std::string &text) {
   return quoted + "\"";
 }
 
-std::string written(std::string call) {
-  for (size_t at = 0; (at = call.find("( ", at)) != call.npos;) call.erase(at + 1, 1);
-  return call;
-}
-
 // No file of the exported functions has more than 330 lines; those below are stable points among them.
 static bool isStablePoint(const std::string &source, const std::string &function, int line) {
   const auto oneOf = [line](std::initializer_list<int> lines) {
@@ -134,11 +129,18 @@ std::string shown(const QTX_StackTrace &record) {
          shortTrace(record.trace);
 }
 
-std::string Told::result(const std::function<std::string()> &call) {
+void Told::tellCall(const char *written, const Call &call) {
+  // As it stands in the source, whatever blanks the compiler puts in.
+  std::string line = written;
+  for (size_t at = 0; (at = line.find("( ", at)) != line.npos;) line.erase(at + 1, 1);
+  say(line + " = " + result(call));
+}
+
+std::string Told::result(const Call &call) {
   events();
   slept();
   if (watched) *watched = {99, "earlier", ""};
-  std::string text = call();
+  std::string text = call.outcome();
   if (watched && shown(*watched) != "99 \"earlier\"") text += " {" + shown(*watched) + "}";
   const uint64_t pause = slept();
   const std::string caused = events();

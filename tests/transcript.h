@@ -61,15 +61,27 @@ std::string show(Value value) {
   }
 }
 
-std::string written(std::string call);  // as it stands in the source, whatever blanks the compiler puts in
-template <typename Call>
-std::string outcome(Call call) {
-  if constexpr (std::is_void_v<decltype(call())>) {
-    return call(), "done";
-  } else {
-    return show(call());
+// A call by reference, and how its result becomes text. std::function at each would double the time to compile tests.
+class Call {
+ public:
+  template <typename Lambda>
+  Call(const Lambda &call) : call_(&call), outcome_(&outcomeOf<Lambda>) {}
+  std::string outcome() const { return outcome_(call_); }
+
+ private:
+  template <typename Lambda>
+  static std::string outcomeOf(const void *lambda) {
+    const Lambda &call = *static_cast<const Lambda *>(lambda);
+    if constexpr (std::is_void_v<decltype(call())>) {
+      return call(), "done";
+    } else {
+      return show(call());
+    }
   }
-}
+
+  const void *call_;
+  std::string (*outcome_)(const void *);
+};
 inline std::string titled(const std::string &title) { return title; }
 inline std::string titled(int64_t number) { return std::to_string(number); }
 
@@ -86,7 +98,9 @@ class Told : public testing::Test {
   // What else happened since this was asked last.
   virtual std::string events() { return ""; }
   // A failure of before stands in the record while a call runs, so that what it writes and what it leaves can be seen.
-  std::string result(const std::function<std::string()> &call);
+  std::string result(const Call &call);
+  void tellCall(const char *written, const Call &call);
+  void tellColumn(std::string *row, const Call &call) { *row += " " + result(call) + ";"; }
 
   // Attempts with the first, second, ... thing failing until it is not reached any more; equal outcomes in one line.
   void inRuns(const std::string &title, uint32_t most,
@@ -113,11 +127,8 @@ class Told : public testing::Test {
     PULSEKIT_EACH(PULSEKIT_COLUMN, __VA_ARGS__) say(row_);    \
   } while (0)
 
-#define PULSEKIT_DO(call)                        \
-  say(::pulsekit::test::written(#call) + " = " + \
-      result([&] { return ::pulsekit::test::outcome([&] { return call; }); }));
-#define PULSEKIT_COLUMN(call) \
-  row_ += " " + result([&] { return ::pulsekit::test::outcome([&] { return call; }); }) + ";";
+#define PULSEKIT_DO(call) tellCall(#call, [&] { return call; });
+#define PULSEKIT_COLUMN(call) tellColumn(&row_, [&] { return call; });
 #define PULSEKIT_PARENTHESES ()
 #define PULSEKIT_EXPAND(...) PULSEKIT_EXPAND1(PULSEKIT_EXPAND1(PULSEKIT_EXPAND1(PULSEKIT_EXPAND1(__VA_ARGS__))))
 #define PULSEKIT_EXPAND1(...) PULSEKIT_EXPAND2(PULSEKIT_EXPAND2(PULSEKIT_EXPAND2(PULSEKIT_EXPAND2(__VA_ARGS__))))

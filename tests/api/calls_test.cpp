@@ -72,7 +72,7 @@ class Calls : public Radar {
   // The call with operations that succeed and fail, without the operation, without its layer, without a handle.
   void forward(const char *name, const std::function<int32_t(QTX_Handle *)> &run) {
     std::string line = name;
-    const auto tell = [&](QTX_Handle *on) { line += "; " + result([&] { return std::to_string(run(on)); }); };
+    const auto tell = [&](QTX_Handle *on) { line += "; " + result([&] { return run(on); }); };
     record();
     tell(handle);
     line += arguments();

@@ -159,7 +159,7 @@ TEST_F(Settings, SavingLeavesOutWhatIsMissingAndTellsWhatFails) {
     change();
     QTXSim_ResetStatistics();
     QTXSim_FailCall("Write", nth, 1, 4);
-    const std::string text = result([&] { return std::to_string(QTX_VarsResetAllToDefault(handle)); });
+    const std::string text = result([&] { return QTX_VarsResetAllToDefault(handle); });
     *reached = QTXSim_Calls("Write") >= nth;
     QTXSim_ClearFaults();
     return text;

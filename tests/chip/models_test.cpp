@@ -25,14 +25,14 @@ class Models : public Radar, public testing::WithParamInterface<const char *> {
     uint64_t ends[] = {v.min, v.max, VAR_AUTO};
     if (*v.items) ends[0] = v.items[0], ends[1] = v.items[varGetEnumsLength(variables, &v) - 1];
     for (uint64_t next : ends) {
-      text += "; " + result([&] { return std::to_string(varSetValue(variables, &v, next)); });
+      text += "; " + result([&] { return varSetValue(variables, &v, next); });
     }
     return text;
   }
   static unsigned long long ull(uint64_t number) { return number; }
   // As it is, and with all bits of all registers set.
   std::string read(const char *name) {
-    std::string text = result([&] { return std::to_string(get(name)); });
+    std::string text = result([&] { return get(name); });
     for (uint32_t address = 0; address < 128; ++address) {
       uint64_t before = 0;
       QTXSim_ChipRegister(0, static_cast<uint8_t>(address), &before);
@@ -57,7 +57,7 @@ class Models : public Radar, public testing::WithParamInterface<const char *> {
     for (int32_t i = 0; i < variables->action_count; ++i) {
       const char *name = sym_to_str(variables, static_cast<int32_t>(variables->actions[i].name));
       set("CoarseTuneMeasureMax", 1);
-      const std::string text = result([&] { return std::to_string(act(name)); });
+      const std::string text = result([&] { return act(name); });
       const auto transfers = std::count(text.begin(), text.end(), ',');
       lines.push_back(std::string("action ") + name + ": " + text.substr(0, 160) +
                       (text.size() > 160 ? format(" ... %td", transfers) : ""));
@@ -162,7 +162,7 @@ TEST_P(Models, Access) {
     operations->ExecuteAction(radar, 93);
     QTXSim_Advance(1'000'000'000);
     operations->ExecuteAction(radar, 93);
-    const std::string text = result([&] { return std::to_string(write(0x32, 2, 0x1234)); });
+    const std::string text = result([&] { return write(0x32, 2, 0x1234); });
     EXPECT_EQ(text.find(" x") != text.npos, opened == 1) << text;
     QTXSim_Advance(1'000'000'000);
     DO(write(0x32, 2, 0x1234));

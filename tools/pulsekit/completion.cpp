@@ -76,7 +76,7 @@ std::string textsOf(const std::vector<Word> &words) {
 }
 
 // In single quotes, for bash and zsh.
-std::string quoted(std::string_view text) {
+std::string shellQuoted(std::string_view text) {
   std::string result = "'";
   for (const char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
   return result + "'";
@@ -120,7 +120,7 @@ complete -o default -F _pulsekit pulsekit
 std::string zshEntries(const std::vector<Word> &words) {
   std::string entries;
   for (const Word &word : words) {
-    entries += cat(' ', quoted(word.help.empty() ? word.text : cat(word.text, ':', word.help)));
+    entries += cat(' ', shellQuoted(word.help.empty() ? word.text : cat(word.text, ':', word.help)));
   }
   return entries;
 }

@@ -17,7 +17,6 @@ namespace tool {
 
 namespace {
 
-constexpr int32_t kCancelled = 1537, kWaitedTooLong = 1538;
 constexpr int32_t kPatience = 200;  // milliseconds; progress and Ctrl-C are looked at in between
 constexpr uint32_t kBatch = 16;     // frames
 constexpr uint64_t kLongestCdf = 1 << 26;

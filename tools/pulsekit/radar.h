@@ -21,6 +21,9 @@ struct Options {
   bool json = false, trace = false, fresh = false;
 };
 
+/// What a wait can end with.
+constexpr int32_t kCancelled = 1537, kWaitedTooLong = 1538;
+
 /// True after Ctrl-C.
 bool interrupted();
 

@@ -11,8 +11,6 @@ namespace tool {
 
 namespace {
 
-constexpr int32_t kWaitedTooLong = 1538;
-
 Json toJson(const Attached &radar) {
   return {{"connection", radar.connection}, {"bridge", radar.bridge}, {"serial", radar.serial},
           {"board", radar.board},           {"chip", radar.chip},     {"state", radar.state()}};
