@@ -24,4 +24,4 @@ x86_64-w64-mingw32-gcc-posix "$work/first.c" -o "$package/bin/third.exe" -I"$pac
 export PULSEKIT3_BRIDGE_LIBRARY=Pulsekit3Simulator.dll
 for program in first second third; do "$wine" "$package/bin/$program.exe" | grep 'level at the first sampler: [0-9.]* %'; done
 if [ -e "$package/bin/pulsekit.exe" ]; then "$wine" "$package/bin/pulsekit.exe" list | grep SIM00001; fi
-ls "$package/CHANGELOG.md" "$package/docs/getting-started.md" >/dev/null
+ls "$package/CHANGELOG.md" "$package/docs/getting-started.md" "$package/docs/pictures/room.svg" >/dev/null
