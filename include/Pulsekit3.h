@@ -7,7 +7,8 @@
  *     not clear that text.
  *  2. The caller owns every buffer. Sizes of texts are in characters including the terminator, sizes of arrays in
  *     entries, unless stated otherwise. A text that does not fit gives code 2.
- *  3. Text is 8-bit and NUL-terminated; names are case-sensitive.
+ *  3. Text is 8-bit and NUL-terminated; names are case-sensitive. Paths of files are the system's own bytes; on Windows
+ *     they are UTF-8, and one that is no UTF-8 is taken to be in the system's code page.
  *  4. A missing handle gives 1025, a missing chip 770, a missing module 514, a missing interface 269 and a
  *     null argument 1, unless stated otherwise. Nothing is written then. Names of variables and actions are unknown
  *     (1283, 1284) while the layer that has them is missing.
@@ -163,7 +164,8 @@ QTX_API int32_t QTX_CalculateCDF_Size(QTX_Handle *handle, uint32_t *width, uint3
 QTX_API int32_t QTX_GetCDF(QTX_Handle *handle, uint32_t *table, int32_t capacity);
 
 /* flags: 1 raw frames, 2 normalized frames, 0x10 text, 0x20 binary. precision: digits after the point in text; 8-byte
-   values above 4 and 4-byte values otherwise in binary. docs/formats.md describes the files. Codes: 6, 1. */
+   values above 4 and 4-byte values otherwise in binary. docs/formats.md describes the files. path: convention 3.
+   Codes: 6, 1. */
 QTX_API int32_t QTX_FrameLoggingStart(QTX_Handle *handle, const char *path, int32_t flags, int32_t precision);
 /* Code 1 when the file can't be closed or a frame could not be written to it in full. */
 QTX_API int32_t QTX_FrameLoggingStop(QTX_Handle *handle);
@@ -172,9 +174,10 @@ QTX_API int32_t QTX_FrameLoggingStop(QTX_Handle *handle);
 
 /* The settings of module and chip as text (docs/formats.md). A failed save leaves an existing file as it was. Files
    "<path>.new-<number>-<number>" are the library's: the next save removes those that a save has left which did not live
-   to its end. Code 6 when the file can't be opened or written. */
+   to its end. path: convention 3. Code 6 when the file can't be opened or written. */
 QTX_API int32_t QTX_VarsSaveToFile(QTX_Handle *handle, const char *path);
-/* Applies a settings file in its order. Code 1 when it named unknown variables: the others are set. */
+/* Applies a settings file (path: convention 3) in its order. Code 1 when it named unknown variables: the others are
+   set. */
 QTX_API int32_t QTX_VarsLoadFromFile(QTX_Handle *handle, const char *path);
 /* Puts every writable variable of module and chip back to its automatic value. */
 QTX_API int32_t QTX_VarsResetAllToDefault(QTX_Handle *handle);
@@ -212,7 +215,8 @@ QTX_API int32_t QTX_SPI_SendReceive(QTX_Handle *handle, uint32_t channel, const 
 /* Full-duplex bits; flag 0x100 sends on the falling edge. in_bits must not be 0: (in_bits + 7) / 8 bytes come back. */
 QTX_API int32_t QTX_SPI_SendReceiveBits(QTX_Handle *handle, uint32_t channel, const uint8_t *out, int32_t out_bits,
                                         uint8_t *in, int32_t in_bits, uint32_t flags);
-/* The log of SPI transfers: mode 1 opens the file, 3 records, 2 closes, others pause. Codes: 272, 271. */
+/* The log of SPI transfers: mode 1 opens the file (its name: convention 3), 3 records, 2 closes, others pause. Codes:
+   272, 271. */
 QTX_API int32_t QTX_InterfaceLogging(QTX_Handle *handle, int32_t mode, const char *file_name);
 QTX_API int32_t QTX_InterfaceLogComment(QTX_Handle *handle, const char *text);
 /* The calibration as 579 doubles (docs/formats.md). Code 2 when capacity is below 515; always pass room for 579. */
