@@ -128,8 +128,12 @@ class Stream:
     def start(self) -> None:
         """Before the first frame is asked for: measures how long a sweep takes, and orders the first frames."""
         if not self._running and not self._ended:
-            self._radar._call("QTX_StreamStart", ctypes.byref(self._options))
-            self._running = True
+            self._running = True  # ahead of the call: Ctrl-C may come right behind it
+            try:
+                self._radar._call("QTX_StreamStart", ctypes.byref(self._options))
+            except errors.Error:
+                self._running = False
+                raise
 
     def __enter__(self) -> Stream:
         self.start()
