@@ -153,6 +153,7 @@ void Bench::plugAt(Device &device, double seconds, bool plugged) {
   plugs_.push_back({&device, static_cast<uint64_t>(seconds * 1e9), plugged});
   const auto earlier = [](const TimedPlug &a, const TimedPlug &b) { return a.nanoseconds < b.nanoseconds; };
   std::stable_sort(plugs_.begin(), plugs_.end(), earlier);
+  tellWatcher(this);
 }
 
 std::vector<PortName> Bench::ports() {
@@ -267,11 +268,16 @@ void Bench::applyPollPause(Device &device) const {
   device.board()->flash().setPollPause(deterministic() ? kPollPause : 0);
 }
 
-void Bench::catchUp() {
-  while (!plugs_.empty() && plugs_.front().nanoseconds <= clock_.nanoseconds()) {
-    plugs_.front().plugged ? replug(*plugs_.front().device) : unplug(*plugs_.front().device);
+void Bench::movePlugs() {
+  while (nextPlug() <= clock_.nanoseconds()) {
+    const TimedPlug plug = plugs_.front();
     plugs_.erase(plugs_.begin());
+    plug.plugged ? replug(*plug.device) : unplug(*plug.device);
   }
+}
+
+void Bench::catchUp() {
+  movePlugs();
   for (auto &device : devices_) {
     for (auto &channel : device->channels) {
       if (channel) channel->runTo(clock_.nanoseconds());

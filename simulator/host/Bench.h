@@ -100,6 +100,9 @@ class Bench {
   Clock &clock() { return clock_; }
   // Lets everything happen that is over by now.
   void catchUp();
+  // The part of it that concerns plugs, and the clock's time of the next one.
+  void movePlugs();
+  uint64_t nextPlug() const { return plugs_.empty() ? kNever : plugs_.front().nanoseconds; }
   Recorder &recorder() { return recorder_; }
   QTXSim_Statistics &counts() { return counts_; }
   QTXSim_Statistics statistics();

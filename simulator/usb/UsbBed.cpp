@@ -32,6 +32,7 @@ constexpr int kFirstNumber = 2, kNumbers = 126;  // of devices on a bus; the fir
 constexpr int kUsbMajor = 189;
 constexpr int kMostMemory = 16 << 20;  // as the kernel allows
 constexpr size_t kRequestSize = 8;     // ahead of the data of a control transfer
+constexpr uint64_t kLongestWait = 3'600'000'000'000;
 // Opening a read-only attribute for writing is refused to anyone.
 constexpr const char *kRefusesWriters = "/sys/kernel/notes";
 
@@ -137,6 +138,7 @@ class UsbBed::Impl {
   void plug(Bench &bench, Device &device);
   void unplug(Plugged &plugged);
   void run();
+  static RealTime::time_point nextPlug(RealTime::time_point now);
   void look(Plugged &plugged);
   void makePipe(const std::string &path) const;
 
@@ -173,6 +175,7 @@ UsbBed::Impl::Impl() : bed_(umockdev_testbed_new()) {
   watchBench([this](Bench *changed) {
     try {
       reconcile(changed);
+      changed_.notify_all();
     } catch (const std::runtime_error &error) {
       g_warning("%s", error.what());
     }
@@ -275,12 +278,21 @@ void UsbBed::Impl::look(Plugged &plugged) {
   if (plugged.due < wakeAt_) changed_.notify_all();
 }
 
+// Scenes tell the time in the bench's clock; where that is not real time, transfers move it.
+UsbBed::Impl::RealTime::time_point UsbBed::Impl::nextPlug(RealTime::time_point now) {
+  const uint64_t at = bench().nextPlug();
+  if (at == kNever || bench().deterministic()) return RealTime::time_point::max();
+  const uint64_t left = at - std::min(at, bench().clock().nanoseconds());
+  return now + std::chrono::nanoseconds(std::min(left, kLongestWait));
+}
+
 void UsbBed::Impl::run() {
   auto lock = lockBench();
   while (!ending_) {
     bench().follow();
+    bench().movePlugs();
     const RealTime::time_point now = RealTime::now();
-    wakeAt_ = RealTime::time_point::max();
+    wakeAt_ = nextPlug(now);
     for (const auto &plugged : all_) {
       if (plugged->due <= now) plugged->due = plugged->node->advance(now);
       wakeAt_ = std::min(wakeAt_, plugged->due);
@@ -299,6 +311,7 @@ gboolean UsbBed::Impl::onRequest(UMockdevIoctlBase *, UMockdevIoctlClient *clien
   auto &plugged = *static_cast<Plugged *>(data);
   auto lock = lockBench();
   bench().follow();
+  bench().movePlugs();
   ++plugged.bed->requests;
   const int failure = plugged.bed->handle(plugged, client);
   plugged.bed->look(plugged);

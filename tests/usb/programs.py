@@ -26,6 +26,7 @@ ROWS = [
     ('--usb', 2, 'without a command'),
     ('list --usb true', 2, 'not expected: list'),
     ('--simulate=nowhere.toml --usb true', 1, 'nowhere.toml'),
+    (f'--simulate=plug.toml --usb {PULSEKIT} capture -n 0 -o x.csv', 1, 'The bridge is gone'),
 ]
 
 
@@ -39,6 +40,7 @@ class Programs(unittest.TestCase):
         return subprocess.run([PULSEKIT, *arguments], env=environment, cwd=self.directory.name, capture_output=True, text=True, timeout=300)
 
     def test_rows(self):
+        Path(self.directory.name, 'plug.toml').write_text('unplugged_at = 1.0\n')
         for line, code, error in ROWS:
             with self.subTest(line):
                 result = self.run_tool(*(word.replace('\t', ' ') for word in line.split(' ')))
