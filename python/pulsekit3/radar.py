@@ -467,10 +467,13 @@ def _byte(number: int) -> int:
 
 # ---- Attached radars ----
 
+_listing = threading.RLock()  # a list opens every radar for a moment, which would keep another thread from opening it
+
 
 def list_radars() -> list[Attached]:
     """All that are attached. Their boards are powered up on the way."""
-    text = Radar()._text("QTX_ListRadarModules")
+    with _listing:
+        text = Radar()._text("QTX_ListRadarModules")
     return [Attached.parse(connection) for connection in text.split("#") if connection]
 
 
@@ -479,10 +482,11 @@ def open(which: str | Attached | None = None, *, partial: bool = False) -> Radar
 
     partial: also a board whose chip does not start, or where board or chip are not known."""
     connection = which.connection if isinstance(which, Attached) else which
-    if connection is None or connection.count("!") != 3:
-        connection = _chosen(connection, partial)
-    radar = Radar()
-    radar.open(connection, partial)
+    with _listing:
+        if connection is None or connection.count("!") != 3:
+            connection = _chosen(connection, partial)
+        radar = Radar()
+        radar.open(connection, partial)
     return radar
 
 

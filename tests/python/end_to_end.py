@@ -1,5 +1,6 @@
 """The Python package on simulated radars, as a person uses it. usage: end_to_end.py HEADERS..."""
 import asyncio
+import concurrent.futures
 import faulthandler
 import os
 import pathlib
@@ -170,6 +171,9 @@ class RealTime(Python):
             time.sleep(0.01)
             self.radar.cancel()
         self.assertGreater(rounds, 0)
+        self.radar.close()
+        with concurrent.futures.ThreadPoolExecutor(3) as pool:
+            self.assertEqual({found[0].state for found in pool.map(lambda _: pulsekit3.list_radars(), range(3))}, {"ready"})
 
 
 if __name__ == "__main__":
