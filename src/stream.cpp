@@ -411,23 +411,27 @@ int32_t Stream::turn(bool &progress) {
 }
 
 void Stream::noteProgress() {
-  last_progress_ = QTX_timestamp_us();
-  naps_ = 0;
+  last_look_ = QTX_timestamp_us();
+  waited_ = naps_ = 0;
 }
 
+// Only time that was spent waiting counts: a host that was away finds its answers on their way.
 bool Stream::stalled() {
-  if (checked_ == ordered_ || last_progress_ == 0) {
+  const uint64_t now = QTX_timestamp_us();
+  waited_ += now - std::exchange(last_look_, now);
+  if (checked_ == ordered_) {
     noteProgress();
     return false;
   }
   const double due = static_cast<double>(clocks_in_flight_) * 1000 / epoch_->clock;
   const uint64_t limit = kPatience + static_cast<uint64_t>(due);
-  return ++naps_ > limit || (naps_ > kShortestStall && (QTX_timestamp_us() - last_progress_) / 1000 > limit);
+  return ++naps_ > limit || (naps_ > kShortestStall && waited_ / 1000 > limit);
 }
 
 int32_t Stream::wait(Deadline &deadline) {
   Active active(*this);
   noteSettings();
+  last_look_ = QTX_timestamp_us();
   for (;;) {
     bool progress = false;
     const int32_t code = turn(progress);

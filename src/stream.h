@@ -166,7 +166,7 @@ class Stream final : public HandlePart, public ProgramOwner {
   uint32_t bad_sweeps_ = 0;  // in a row
   int32_t trouble_ = 0;
   const char *trouble_text_ = "";
-  uint64_t last_progress_ = 0, naps_ = 0;
+  uint64_t last_look_ = 0, waited_ = 0, naps_ = 0;  // us, us and looks; since the last progress
 };
 
 // ---- The stream of a handle ----
