@@ -93,10 +93,10 @@ class Stopwatch {
   // The next ones of a long sweep, close to each other around its expected end.
   Times laterTimes() const {
     Times times;
-    const uint64_t closest = std::max(expected_, longest_) / kFine;
+    const uint64_t widest = longest_ / kLooksOfTwo, closest = std::min(std::max(expected_, longest_) / kFine, widest);
     for (uint64_t time = elapsed_; times.size() < kLooksOfTwo;) {
       const uint64_t away = time > expected_ ? time - expected_ : expected_ - time;
-      time += std::clamp(away / kZoom, closest, longest_ / kLooksOfTwo);
+      time += std::clamp(away / kZoom, closest, widest);
       times.push_back(time);
     }
     return times;
